@@ -1,0 +1,20 @@
+/* zelrt: runtime support for data collectors that run inside other people's processes.
+ *
+ * This header is the whole interface, for C and for C++. Each family also stands alone in
+ * zelrt/NAME.h; start with zelrt/runtime.h, which says how a collector brings the library up. */
+#ifndef ZELRT_H
+#define ZELRT_H
+
+#include "zelrt/atomics.h"
+#include "zelrt/base.h"
+#include "zelrt/locks.h"
+#include "zelrt/log.h"
+#include "zelrt/memory.h"
+#include "zelrt/platform.h"
+#include "zelrt/runtime.h"
+
+#ifdef __cplusplus
+#include "zelrt/system_information.hpp"
+#endif
+
+#endif

@@ -1,0 +1,170 @@
+// The locks' waits and their exported calls. Invariants are stated in locks.h.
+
+#include "runtime/locks.h"
+
+#include "runtime/internal.h"
+#include "zelrt/locks.h"
+
+namespace zelrt {
+namespace {
+
+// How a waiter passes the time between two readings of a busy lock. On one processor nobody can
+// free the lock while the waiter runs, so it yields every time.
+class BackOff {
+ public:
+  explicit BackOff(uint32_t spinCount) : spinCount_(spinCount) {}
+
+  // True when the step was a yield, after which an exchange is worth trying without a look.
+  bool Step() {
+    if (__ZelGetNProcs() != 1 && ++spins_ < spinCount_) return false;
+    spins_ = 0;
+    __ZelYield();
+    return true;
+  }
+
+ private:
+  const uint32_t spinCount_;
+  uint32_t spins_ = 0;
+};
+
+// Rounds of a try: attempts that neither yield nor wait. More than one makes no sense when the
+// holder cannot run meanwhile.
+template <typename TryExchange>
+bool TryRounds(const uint32_t& state, uint32_t tries, TryExchange tryExchange) {
+  if (tries == 0 || __ZelGetNProcs() == 1) return tryExchange();
+  for (; tries > 0; --tries) {
+    if (LoadRelaxed(state) == kFree && tryExchange()) return true;
+  }
+  return false;
+}
+
+bool TryToAcquireSpinLock(ZelSpinLock* lock, uint32_t tries, uint64_t self) {
+  if (ReenterSpinLock(lock, self)) return true;
+  if (!TryRounds(lock->state, tries, [lock] { return TryExchangeSpinLock(lock); })) return false;
+  RecordSpinLockOwner(lock, self);
+  return true;
+}
+
+bool TryToAcquireExclusiveLock(ZelSharedExclusiveLock* lock, uint32_t tries, uint64_t self) {
+  if (ReenterExclusiveLock(lock, self)) return true;
+  if (!TryRounds(lock->state, tries, [lock] { return TryExchangeExclusiveLock(lock); }))
+    return false;
+  RecordExclusiveOwner(lock, self);
+  return true;
+}
+
+}  // namespace
+
+void WaitForSpinLock(ZelSpinLock* lock) {
+  BackOff backOff(lock->spinCount);
+  for (;;) {
+    if (LoadRelaxed(lock->state) != kFree && !backOff.Step()) continue;
+    if (TryExchangeSpinLock(lock)) return;
+  }
+}
+
+void WaitWhileWriterWaits(ZelSharedExclusiveLock* lock) {
+  BackOff backOff(lock->spinCount);
+  while (LoadRelaxed(lock->exclusiveWaiting) != 0) backOff.Step();
+}
+
+void WaitForSharedState(ZelSharedExclusiveLock* lock) {
+  BackOff backOff(lock->spinCount);
+  for (;;) {
+    if (LoadRelaxed(lock->state) == kExclusive) {
+      backOff.Step();
+    } else if (AtomicCompareExchange(lock->state, kShared, kFree) != kExclusive) {
+      return;
+    }
+  }
+}
+
+void WaitForExclusiveState(ZelSharedExclusiveLock* lock) {
+  BackOff backOff(lock->spinCount);
+  for (;;) {
+    if (LoadRelaxed(lock->state) != kFree) {
+      if (LoadRelaxed(lock->exclusiveWaiting) == 0) StoreRelaxed(lock->exclusiveWaiting, 1);
+      if (!backOff.Step()) continue;
+    }
+    if (TryExchangeExclusiveLock(lock)) return;
+  }
+}
+
+}  // namespace zelrt
+
+using namespace zelrt;
+
+void __ZelInitializeSpinLock(ZelSpinLock* lock) { __ZelInitializeSpinLockAndSpinCount(lock, 0); }
+
+void __ZelInitializeSpinLockAndSpinCount(ZelSpinLock* lock, uint32_t spinCount) {
+  *lock = {.owner = kNoOwner, .state = kFree, .recursionCount = 0, .spinCount = spinCount};
+}
+
+void __ZelAcquireSpinLockTid(ZelSpinLock* lock, uint32_t tid) {
+  AcquireSpinLock(lock, OwnerOf(tid));
+}
+void __ZelAcquireSpinLock(ZelSpinLock* lock) { AcquireSpinLock(lock, CallingOwner()); }
+
+uint32_t __ZelTryToAcquireSpinLockTid(ZelSpinLock* lock, uint32_t tries, uint32_t tid) {
+  return TryToAcquireSpinLock(lock, tries, OwnerOf(tid)) ? 1 : 0;
+}
+uint32_t __ZelTryToAcquireSpinLock(ZelSpinLock* lock, uint32_t tries) {
+  return TryToAcquireSpinLock(lock, tries, CallingOwner()) ? 1 : 0;
+}
+
+void __ZelReleaseSpinLock(ZelSpinLock* lock) { ReleaseSpinLock(lock); }
+
+uint32_t __ZelIsSpinLockInAcquiredState(const ZelSpinLock* lock) {
+  return LoadRelaxed(lock->state) == kHeld ? 1 : 0;
+}
+uint32_t __ZelIsSpinLockAcquiredByCallingThread(const ZelSpinLock* lock) {
+  return IsSpinLockHeldBy(lock, CallingOwner()) ? 1 : 0;
+}
+
+void __ZelInitializeSharedExclusiveLock(ZelSharedExclusiveLock* lock) {
+  __ZelInitializeSharedExclusiveLockAndSpinCount(lock, 0);
+}
+
+void __ZelInitializeSharedExclusiveLockAndSpinCount(ZelSharedExclusiveLock* lock,
+                                                    uint32_t spinCount) {
+  *lock = {.state = kFree,
+           .sharedCount = 0,
+           .exclusiveOwner = kNoOwner,
+           .exclusiveWaiting = 0,
+           .exclusiveRecursionCount = 0,
+           .spinCount = spinCount};
+}
+
+void __ZelAcquireSharedLock(ZelSharedExclusiveLock* lock) {
+  AcquireSharedLock(lock, CallingOwner());
+}
+void __ZelAcquireSharedLockTid(ZelSharedExclusiveLock* lock, uint32_t tid) {
+  AcquireSharedLock(lock, OwnerOf(tid));
+}
+
+void __ZelReleaseSharedLock(ZelSharedExclusiveLock* lock) {
+  ReleaseSharedLock(lock, CallingOwner());
+}
+void __ZelReleaseSharedLockTid(ZelSharedExclusiveLock* lock, uint32_t tid) {
+  ReleaseSharedLock(lock, OwnerOf(tid));
+}
+
+void __ZelAcquireExclusiveLock(ZelSharedExclusiveLock* lock) {
+  AcquireExclusiveLock(lock, CallingOwner());
+}
+void __ZelAcquireExclusiveLockTid(ZelSharedExclusiveLock* lock, uint32_t tid) {
+  AcquireExclusiveLock(lock, OwnerOf(tid));
+}
+
+uint32_t __ZelTryToAcquireExclusiveLock(ZelSharedExclusiveLock* lock, uint32_t tries) {
+  return TryToAcquireExclusiveLock(lock, tries, CallingOwner()) ? 1 : 0;
+}
+
+void __ZelReleaseExclusiveLock(ZelSharedExclusiveLock* lock) { ReleaseExclusiveLock(lock); }
+
+uint32_t __ZelIsExclusiveLockAcquiredByCallingThread(const ZelSharedExclusiveLock* lock) {
+  return LoadRelaxed(lock->state) == kExclusive &&
+                 LoadRelaxed(lock->exclusiveOwner) == CallingOwner()
+             ? 1
+             : 0;
+}
