@@ -1,0 +1,118 @@
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "memory/internal.h"
+#include "tests/support/child_process.h"
+#include "tests/support/fake_backing.h"
+#include "tests/support/recorded_log.h"
+#include "zelrt/log.h"
+#include "zelrt/memory.h"
+
+namespace {
+
+namespace backing = zeltest::backing;
+
+constexpr size_t kBucketTable = size_t{64} * 2046 * sizeof(zelrt::ZelSizeClassBucket);
+
+TEST(BackingTest, EverythingComesFromTheInstalledPair) {
+  backing::Install();
+  EXPECT_EQ(std::vector<size_t>{kBucketTable}, backing::Requests());
+  __ZelInitializeMemoryCollectorAndReserveMemory(1);
+  void* const small = __ZelMalloc(0, 10, 0);
+  void* const large = __ZelMalloc(0, 100'000, 0);
+  EXPECT_EQ((std::vector<size_t>{kBucketTable, 33'554'416, 65'520, 100'008}), backing::Requests());
+  __ZelFree(large);
+  __ZelFree(small);
+  __ZelDeinitializeSubAllocator();
+  EXPECT_EQ(2u, backing::LiveBlocks()) << "the retained page and the reserve stay where they are";
+}
+
+TEST(BackingTest, APairThatComesTooLateIsNotUsed) {
+  __ZelFree(__ZelMalloc(0, 10, 0));
+  backing::Install();
+  __ZelFree(__ZelMalloc(0, 100'000, 0));
+  EXPECT_EQ(0u, backing::RequestCount());
+}
+
+TEST(BackingTest, HalfAPairIsNone) {
+  __ZelInitializeSubAllocator(backing::Allocate, nullptr);
+  __ZelFree(__ZelMalloc(0, 100'000, 0));
+  EXPECT_EQ(0u, backing::RequestCount());
+}
+
+TEST(BackingTest, AFreshRecordIsBuiltAfterTheEnd) {
+  backing::Install();
+  __ZelInitializeMemoryCollectorAndReserveMemory(1);
+  static_cast<void>(__ZelMalloc(5, 10, 0));
+  __ZelDeinitializeSubAllocator();
+  __ZelDeinitializeSubAllocator();
+  const size_t requests = backing::RequestCount();
+  const size_t live = backing::LiveBlocks();
+
+  void* const block = __ZelMalloc(5, 10, 0);  // from malloc now
+  ASSERT_NE(nullptr, block);
+  __ZelFree(block);
+  __ZelFree(__ZelMalloc(5, 100'000, 0));
+  EXPECT_EQ(requests, backing::RequestCount());
+  EXPECT_EQ(live, backing::LiveBlocks());
+  __ZelDeinitializeSubAllocator();
+
+  backing::Install();
+  __ZelFree(__ZelMalloc(5, 10, 0));
+  EXPECT_EQ(requests + 2, backing::RequestCount()) << "a new table and a new page";
+}
+
+// The reserve of a pair that is gone must not be given to its successor, which would abort.
+TEST(BackingTest, TheReserveEndsWithItsPair) {
+  __ZelInitializeMemoryCollectorAndReserveMemory(2);  // from malloc
+  __ZelDeinitializeSubAllocator();
+  backing::Install();
+  const auto child = zeltest::RunInChild([] {
+    zeltest::EchoLog(true);
+    backing::RefuseIf([](size_t, size_t) { return true; });
+    __ZelMalloc(0, 10, 0);
+  });
+  EXPECT_EQ(255, child.exitStatus);
+  EXPECT_EQ("ERROR OUT_OF_MEMORY\nERROR ABNORMAL_TERMINATE\n", child.output);
+}
+
+void SayCode(int32_t code) { std::printf("exit hook %d\n", code); }
+
+void AllocateInHook(int32_t code) {
+  std::printf("exit hook %d\n", code);
+  std::printf("%s\n", __ZelMalloc(0, 10, 0) == nullptr ? "no memory" : "memory");
+  __ZelExitHandler(5);
+}
+
+TEST(BackingTest, WithoutABucketTableTheProcessEnds) {
+  const struct {
+    ZelExitHook hook;
+    const char* output;
+  } rows[] = {
+      {nullptr, ""}, {SayCode, "exit hook -1\n"}, {AllocateInHook, "exit hook -1\nno memory\n"}};
+  for (const auto& row : rows) {
+    const auto child = zeltest::RunInChild([&row] {
+      __ZelSetExitHandler(row.hook);
+      backing::RefuseIf([](size_t, size_t) { return true; });
+      backing::Install();
+    });
+    EXPECT_EQ(255, child.exitStatus);
+    EXPECT_EQ(row.output, child.output);
+  }
+}
+
+TEST(BackingTest, ACategoryIsSetUpWhenItIsFirstUsed) {
+  backing::Install();
+  EXPECT_EQ(nullptr, zelrt::g_categoryBuckets[9]);
+  __ZelFree(__ZelMalloc(9, 10, 0));
+  ASSERT_NE(nullptr, zelrt::g_categoryBuckets[9]);
+  EXPECT_EQ(nullptr, zelrt::g_categoryBuckets[8]);
+  for (const uint32_t units : {1u, 3u, 2046u}) {
+    EXPECT_EQ(units, zelrt::g_categoryBuckets[9][units - 1].units);
+    EXPECT_EQ(nullptr, zelrt::g_categoryBuckets[9][units - 1].pages);
+  }
+}
+
+}  // namespace

@@ -1,0 +1,107 @@
+#include "tests/support/recorded_log.h"
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <map>
+#include <mutex>
+
+#include "zelrt/log.h"
+
+constinit uint32_t ZELLOG_MSG_ABNORMAL_TERMINATE = 2;
+constinit uint32_t ZELLOG_MSG_OUT_OF_MEMORY = 3;
+constinit uint32_t ZELLOG_MSG_COLLECT_MEMORY = 4;
+constinit uint32_t ZELLOG_MSG_MEMORY_IS_TIGHT = 5;
+constinit uint32_t ZELLOG_MSG_FREEING_RESERVES = 6;
+
+namespace zeltest {
+namespace {
+
+struct Log {
+  std::mutex mutex;
+  std::vector<std::string> lines;
+  bool open = false;
+  bool echo = false;
+  std::function<void()> action;
+};
+
+Log& TheLog() {
+  static auto& log = *new Log;
+  return log;
+}
+
+void Keep(const std::string& line) {
+  Log& log = TheLog();
+  if (log.action) log.action();
+  const std::lock_guard guard(log.mutex);
+  log.lines.push_back(line);
+  if (log.echo) {
+    std::printf("%s\n", line.c_str());
+    std::fflush(stdout);
+  }
+}
+
+std::string Format(const char* format, va_list arguments) {
+  char text[1024];
+  std::vsnprintf(text, sizeof text, format, arguments);
+  return text;
+}
+
+}  // namespace
+
+std::vector<std::string> LoggedLines() {
+  const std::lock_guard guard(TheLog().mutex);
+  return TheLog().lines;
+}
+
+size_t CountLogged(const std::string& line) {
+  const std::vector<std::string> lines = LoggedLines();
+  return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
+}
+
+void ClearLog() {
+  const std::lock_guard guard(TheLog().mutex);
+  TheLog().lines.clear();
+}
+
+void SetLogOpen(bool open) { TheLog().open = open; }
+void OnLogging(std::function<void()> action) { TheLog().action = std::move(action); }
+void EchoLog(bool echo) { TheLog().echo = echo; }
+
+}  // namespace zeltest
+
+using namespace zeltest;
+
+void __ZelLogInternal(uint32_t severity, uint32_t messageId, uint32_t, uint64_t formatOrTag, ...) {
+  static const std::map<uint32_t, const char*> names = {
+      {ZELLOG_MSG_ABNORMAL_TERMINATE, "ABNORMAL_TERMINATE"},
+      {ZELLOG_MSG_OUT_OF_MEMORY, "OUT_OF_MEMORY"},
+      {ZELLOG_MSG_COLLECT_MEMORY, "COLLECT_MEMORY"},
+      {ZELLOG_MSG_MEMORY_IS_TIGHT, "MEMORY_IS_TIGHT"},
+      {ZELLOG_MSG_FREEING_RESERVES, "FREEING_RESERVES"},
+  };
+  static const char* const severities[] = {"ERROR", "WARNING", "INFO"};
+  va_list arguments;
+  va_start(arguments, formatOrTag);
+  std::string line = severities[severity];
+  const auto name = names.find(messageId);
+  if (name == names.end()) {
+    line += " " + Format(reinterpret_cast<const char*>(formatOrTag), arguments);
+  } else {
+    line += std::string(" ") + name->second;
+    if (formatOrTag == ZELLOG_ARG_INT) line += " " + std::to_string(va_arg(arguments, int32_t));
+  }
+  va_end(arguments);
+  Keep(line);
+}
+
+int32_t __ZelLogCommentInternal(const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const std::string line = Format(format, arguments);
+  va_end(arguments);
+  Keep(line);
+  return 0;
+}
+
+uint32_t __ZelIsLoggerInitialized() { return TheLog().open ? 1 : 0; }
