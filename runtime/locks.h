@@ -135,6 +135,9 @@ inline bool TryExchangeExclusiveLock(ZelSharedExclusiveLock* lock) {
 }
 
 inline void RecordExclusiveOwner(ZelSharedExclusiveLock* lock, uint64_t self) {
+  // Readers that have left published what they did by their decrement of sharedCount. The exchange
+  // that freed the lock covered that word, but as part of a wider one; this makes it official.
+  static_cast<void>(LoadAcquire(lock->sharedCount));
   StoreRelaxed(lock->exclusiveWaiting, 0);
   StoreRelaxed(lock->exclusiveOwner, self);
   lock->exclusiveRecursionCount = 1;

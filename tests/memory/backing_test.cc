@@ -6,6 +6,7 @@
 #include "memory/internal.h"
 #include "tests/support/child_process.h"
 #include "tests/support/fake_backing.h"
+#include "tests/support/leaks.h"
 #include "tests/support/recorded_log.h"
 #include "zelrt/log.h"
 #include "zelrt/memory.h"
@@ -43,6 +44,7 @@ TEST(BackingTest, HalfAPairIsNone) {
 }
 
 TEST(BackingTest, AFreshRecordIsBuiltAfterTheEnd) {
+  zeltest::IgnoreLeaks();
   backing::Install();
   __ZelInitializeMemoryCollectorAndReserveMemory(1);
   static_cast<void>(__ZelMalloc(5, 10, 0));
@@ -66,6 +68,7 @@ TEST(BackingTest, AFreshRecordIsBuiltAfterTheEnd) {
 
 // The reserve of a pair that is gone must not be given to its successor, which would abort.
 TEST(BackingTest, TheReserveEndsWithItsPair) {
+  zeltest::IgnoreLeaks();
   __ZelInitializeMemoryCollectorAndReserveMemory(2);  // from malloc
   __ZelDeinitializeSubAllocator();
   backing::Install();

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "host/host.h"
@@ -39,9 +40,15 @@ class LocksThreadsTest : public testing::TestWithParam<std::tuple<Ids, uint32_t>
   ZelSpinLock spin_;
   ZelSharedExclusiveLock shared_;
 };
+
+std::string NameOf(const testing::TestParamInfo<LocksThreadsTest::ParamType>& parameters) {
+  const auto [ids, spinCount] = parameters.param;
+  return (ids == Ids::kHook ? "HookSpin" : "NoHookSpin") + std::to_string(spinCount);
+}
 INSTANTIATE_TEST_SUITE_P(IdsAndSpinCounts, LocksThreadsTest,
                          testing::Combine(testing::Values(Ids::kHook, Ids::kNone),
-                                          testing::Values(0u, 500u)));
+                                          testing::Values(0u, 500u)),
+                         NameOf);
 
 TEST_P(LocksThreadsTest, SpinLockExcludes) {
   int counter = 0;  // plain: the lock is all that protects it
