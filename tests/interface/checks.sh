@@ -7,7 +7,7 @@ set -eu
 shopt -s lastpipe # the end of a pipe counts failures in this shell
 export LC_ALL=C
 
-scratch=$(mktemp -d)
+scratch=$(realpath "$(mktemp -d)")
 trap 'rm -rf "$scratch"' EXIT
 
 failures=0

@@ -1,0 +1,113 @@
+/* Calls something of every family from C. What the calls do is tested elsewhere: the results here
+ * show that arguments, records, variables and callbacks pass between the languages as the headers
+ * say. */
+
+#include <stdio.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <zelrt.h>
+
+static int g_failures = 0;
+
+static void Check(int holds, const char* condition, int line) {
+  if (holds) return;
+  printf("line %d: not true: %s\n", line, condition);
+  ++g_failures;
+}
+#define CHECK(condition) Check((condition) ? 1 : 0, #condition, __LINE__)
+
+static uint64_t FixedThreadId(void) { return 0x1234500000042u; }
+
+static void CallRuntime(void) {
+  CHECK(__ZelGetNativeThreadId() == 0);
+  __ZelSetGetNativeThreadIdProc(FixedThreadId);
+  CHECK(__zelGetNativeThreadIdProc == FixedThreadId);
+  CHECK(__ZelGetNativeThreadId() == FixedThreadId());
+
+  CHECK(__ZelRtStartup() == ZELRT_VERSION_CODE);
+  CHECK(__zelRtStarted == 1 && __ZelGetStarted() == 1);
+
+  CHECK(__ZelSetEnvironmentVariableEx("ZELRT_C_CALLS", "first", 0) == 1);
+  CHECK(__ZelSetEnvironmentVariableEx("ZELRT_C_CALLS", "second", 0) == 1);
+  CHECK(strcmp(__ZelGetEnvironmentVariable("ZELRT_C_CALLS"), "first") == 0);
+}
+
+static void CallAtomics(void) {
+  volatile uint32_t word = 5;
+  CHECK(__ZelInterlockedCompareExchange(&word, 7, 5) == 5 && word == 7);
+  CHECK(__ZelInterlockedExchangeAdd(&word, 3) == 7 && word == 10);
+  volatile uint64_t wide = UINT64_C(1) << 40;
+  CHECK(__ZelInterlockedCompareExchange64(&wide, UINT64_C(3) << 50, UINT64_C(1) << 40) ==
+        UINT64_C(1) << 40);
+  CHECK(wide == UINT64_C(3) << 50);
+  CHECK(__ZelGetMostSignificantOneIndexLong(wide) == 51);
+}
+
+static void CallLocks(void) {
+  ZelSpinLock spinLock;
+  memset(&spinLock, 0xFF, sizeof spinLock);
+  __ZelInitializeSpinLockAndSpinCount(&spinLock, 100);
+  __ZelAcquireSpinLockTid(&spinLock, 17);
+  CHECK(spinLock.owner == 17 && spinLock.state == 1);
+  CHECK(spinLock.recursionCount == 1 && spinLock.spinCount == 100);
+  CHECK(__ZelTryToAcquireSpinLockTid(&spinLock, 1, 18) == 0);
+  __ZelReleaseSpinLock(&spinLock);
+  CHECK(spinLock.state == 0);
+
+  ZelSharedExclusiveLock lock = {0};
+  __ZelAcquireSharedLock(&lock);
+  CHECK(lock.state == 1 && lock.sharedCount == 1);
+  __ZelReleaseSharedLock(&lock);
+  __ZelAcquireExclusiveLockTid(&lock, 19);
+  CHECK(lock.state == 2 && lock.exclusiveOwner == 19 && lock.exclusiveRecursionCount == 1);
+  __ZelReleaseExclusiveLock(&lock);
+  CHECK(lock.state == 0);
+}
+
+static void CallMemory(void) {
+  __ZelEnableMemoryStatisticsCollection();
+  const uint32_t category = __ZelRegisterMemoryCategory("C_CALLS");
+  CHECK(category == 1 && __ZelGetNumMemoryCategories() == 2);
+  char* const block = __ZelMalloc(category, 100, 0);
+  memset(block, 'x', 100);
+  ZelMemoryCategoryInfo info;
+  CHECK(__ZelGetMemoryInfoByCategory(category, &info) == 1);
+  CHECK(strcmp(info.name, "C_CALLS") == 0);
+  CHECK(info.allocated == 65536 && info.allocatedAtPeak == 65536);
+  CHECK(__zelTotalMemoryAllocated == 65536);
+  __ZelFree(block);
+}
+
+static void CallPlatform(void) {
+  CHECK(__ZelGetNativePageSize() == (uint32_t)sysconf(_SC_PAGESIZE));
+  unsigned int registers[4] = {0};
+  __ZelCpuidEx(0, 0, registers);
+  CHECK(registers[0] > 0 && registers[1] != 0);
+}
+
+static void EndWithCode(int32_t code) { _exit(code); }
+
+static void CallLog(void) {
+  CHECK(__ZelLogCommentInternal("%s %d", "a comment", 1) == 0);
+  CHECK(__ZelLogToConsole("%s on the console", "a line") == 0);
+  fflush(stdout);
+  const pid_t child = fork();
+  if (child == 0) {
+    __ZelSetExitHandler(EndWithCode);
+    __ZelExitHandler(42);
+  }
+  int status = 0;
+  CHECK(waitpid(child, &status, 0) == child);
+  CHECK(WIFEXITED(status) && WEXITSTATUS(status) == 42);
+}
+
+int main(void) {
+  CallRuntime();
+  CallAtomics();
+  CallLocks();
+  CallMemory();
+  CallPlatform();
+  CallLog();
+  return g_failures == 0 ? 0 : 1;
+}
