@@ -1,0 +1,14 @@
+#!/usr/bin/env bash
+# Compiles and runs the collector that the README shows.
+# Arguments: the source folder, the built library's folder, the C++ compiler.
+set -euo pipefail
+source_dir=$1 library_dir=$2 compiler=$3
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+sed -n '/^```cpp$/,/^```$/p' "$source_dir/README.md" | sed '/^```/d' >"$work/collector.cc"
+"$compiler" -std=c++20 -Wall -Wextra -pedantic -Werror -I "$source_dir/include" \
+  "$work/collector.cc" -o "$work/collector" -L "$library_dir" -lzelrt -Wl,-rpath,"$library_dir" -pthread
+output=$("$work/collector")
+# 10,000 blocks of two units: five pages of 2,046 slots.
+[ "$output" = 'events: 327680 bytes of pages' ] || { echo "unexpected: $output"; exit 1; }
