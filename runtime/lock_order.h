@@ -50,7 +50,7 @@ class SpinGuard {
   void Release() {
     if (lock_ == nullptr) return;
     if constexpr (kDebugChecks) NoteLockReleased(lock_);
-    ReleaseSpinLock(lock_);
+    ReleaseHeldSpinLock(lock_);
     lock_ = nullptr;
   }
 

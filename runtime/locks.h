@@ -83,8 +83,8 @@ inline void AcquireSpinLock(ZelSpinLock* lock, uint64_t self) {
   RecordSpinLockOwner(lock, self);
 }
 
-inline void ReleaseSpinLock(ZelSpinLock* lock) {
-  if (LoadRelaxed(lock->state) != kHeld) return;
+// For a thread that knows it holds the lock.
+inline void ReleaseHeldSpinLock(ZelSpinLock* lock) {
   if (lock->recursionCount >= 2) {
     --lock->recursionCount;
     return;
@@ -94,6 +94,10 @@ inline void ReleaseSpinLock(ZelSpinLock* lock) {
   lock->recursionCount = 0;
   StoreRelaxed(lock->owner, kNoOwner);
   AtomicCompareExchange(lock->state, kFree, kHeld);
+}
+
+inline void ReleaseSpinLock(ZelSpinLock* lock) {
+  if (LoadRelaxed(lock->state) == kHeld) ReleaseHeldSpinLock(lock);
 }
 
 inline bool IsSpinLockHeldBy(const ZelSpinLock* lock, uint64_t self) {
