@@ -1,0 +1,229 @@
+// The allocation functions that take the place of the C library's, and _exit.
+//
+// Each calls the real function of its name and records what came of it: blocks, results and errno
+// are the real function's. reallocarray is the exception: the real one would come back through
+// realloc, so it is a checked multiplication in front of that.
+//
+// Calls that come from inside the collector go to the real functions and are not recorded; before
+// the collector is up they are served from the bootstrap arena.
+
+#include <dlfcn.h>
+#include <malloc.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "examples/heapscope/internal.h"
+
+namespace heapscope {
+
+constinit thread_local bool t_isInside = false;
+
+namespace {
+
+struct RealFunctions {
+  decltype(&::malloc) malloc;
+  decltype(&::calloc) calloc;
+  decltype(&::realloc) realloc;
+  decltype(&::posix_memalign) posixMemalign;
+  decltype(&::aligned_alloc) alignedAlloc;
+  decltype(&::memalign) memalign;
+  decltype(&::valloc) valloc;
+  decltype(&::pvalloc) pvalloc;
+  decltype(&::free) free;
+  decltype(&::malloc_usable_size) usableSize;
+  void (*exit)(int);
+};
+constinit RealFunctions g_real = {};
+
+template <typename FunctionPointer>
+bool Find(const char* name, FunctionPointer* function) {
+  *function = reinterpret_cast<FunctionPointer>(dlsym(RTLD_NEXT, name));
+  return *function != nullptr;
+}
+
+enum class Route {
+  kRecord,  // to the real function, and recorded
+  kReal,
+  kArena,
+};
+
+[[gnu::noinline]] Route RouteAtStart(bool isOutermost) {
+  const int kept = errno;
+  if (isOutermost) EnsureStarted();
+  errno = kept;
+  const State state = g_state.load(std::memory_order_acquire);
+  if (state == State::kCounting) return isOutermost ? Route::kRecord : Route::kReal;
+  return g_real.free != nullptr && state == State::kUnable ? Route::kReal : Route::kArena;
+}
+
+// One call of the program's, and where it goes.
+class Call {
+ public:
+  Call() : route_(FindRoute()) {}
+  bool IsRecorded() const { return route_ == Route::kRecord; }
+  bool GoesToArena() const { return route_ == Route::kArena; }
+
+ private:
+  Route FindRoute() const {
+    if (g_state.load(std::memory_order_acquire) != State::kCounting) [[unlikely]]
+      return RouteAtStart(inside_.IsOutermost());
+    return inside_.IsOutermost() ? Route::kRecord : Route::kReal;
+  }
+
+  const InsideCollector inside_;
+  const Route route_;
+};
+
+template <typename Real>
+inline void* Allocate(Function function, size_t alignment, size_t size, Real real) {
+  const Call call;
+  if (call.GoesToArena()) [[unlikely]]
+    return ArenaAllocate(alignment, size);
+  void* const block = real();
+  if (!call.IsRecorded()) return block;
+  if (block != nullptr) [[likely]] {
+    RecordAllocation(function, block, size);
+  } else {
+    RecordFailure(function);
+  }
+  return block;
+}
+
+// The arena's blocks stay where they are; what is left is to move their contents.
+void* MoveOutOfArena(const Call& call, Function function, void* old, size_t size) {
+  if (size == 0) return nullptr;
+  void* const block = call.GoesToArena() ? ArenaAllocate(0, size) : g_real.malloc(size);
+  if (block == nullptr) return nullptr;
+  std::memcpy(block, old, std::min(size, ArenaBlockSize(old)));
+  if (call.IsRecorded()) RecordAllocation(function, block, size);
+  return block;
+}
+
+void* Reallocate(Function function, void* old, size_t size) {
+  if (old == nullptr)
+    return Allocate(function, 0, size, [size] { return g_real.realloc(nullptr, size); });
+  const Call call;
+  if (IsInArena(old)) [[unlikely]]
+    return MoveOutOfArena(call, function, old, size);
+  if (!call.IsRecorded()) return g_real.realloc(old, size);
+
+  const TakenBlock taken = TakeBlock(old);
+  void* const block = g_real.realloc(old, size);
+  if (block == nullptr && size != 0) {
+    PutBackBlock(function, old, taken);
+  } else {
+    RecordReallocation(function, taken, block, size);
+  }
+  return block;
+}
+
+size_t PageAlignment() { return static_cast<size_t>(sysconf(_SC_PAGESIZE)); }
+
+}  // namespace
+
+bool FindRealFunctions() {
+  return Find("malloc", &g_real.malloc) && Find("calloc", &g_real.calloc) &&
+         Find("realloc", &g_real.realloc) && Find("posix_memalign", &g_real.posixMemalign) &&
+         Find("aligned_alloc", &g_real.alignedAlloc) && Find("memalign", &g_real.memalign) &&
+         Find("valloc", &g_real.valloc) && Find("pvalloc", &g_real.pvalloc) &&
+         Find("malloc_usable_size", &g_real.usableSize) && Find("_exit", &g_real.exit) &&
+         Find("free", &g_real.free);  // last: it being there tells that all are
+}
+
+}  // namespace heapscope
+
+using namespace heapscope;
+
+#pragma GCC visibility push(default)
+extern "C" {
+
+void* malloc(size_t size) noexcept {
+  return Allocate(Function::kMalloc, 0, size, [size] { return g_real.malloc(size); });
+}
+
+void* calloc(size_t count, size_t size) noexcept {
+  size_t total;
+  // Too much for the real function too, and for the arena.
+  if (__builtin_mul_overflow(count, size, &total)) total = SIZE_MAX;
+  return Allocate(Function::kCalloc, 0, total, [=] { return g_real.calloc(count, size); });
+}
+
+void* realloc(void* old, size_t size) noexcept { return Reallocate(Function::kRealloc, old, size); }
+
+void* reallocarray(void* old, size_t count, size_t size) noexcept {
+  size_t total;
+  if (!__builtin_mul_overflow(count, size, &total))
+    return Reallocate(Function::kReallocarray, old, total);
+  if (const Call call; call.IsRecorded()) RecordFailure(Function::kReallocarray);
+  errno = ENOMEM;
+  return nullptr;
+}
+
+int posix_memalign(void** result, size_t alignment, size_t size) noexcept {
+  const Call call;
+  if (call.GoesToArena()) [[unlikely]] {
+    void* const block = ArenaAllocate(alignment, size);
+    if (block == nullptr) return ENOMEM;
+    *result = block;
+    return 0;
+  }
+  const int error = g_real.posixMemalign(result, alignment, size);
+  if (!call.IsRecorded()) return error;
+  if (error == 0) {
+    RecordAllocation(Function::kPosixMemalign, *result, size);
+  } else {
+    RecordFailure(Function::kPosixMemalign);
+  }
+  return error;
+}
+
+void* aligned_alloc(size_t alignment, size_t size) noexcept {
+  return Allocate(Function::kAlignedAlloc, alignment, size,
+                  [=] { return g_real.alignedAlloc(alignment, size); });
+}
+
+void* memalign(size_t alignment, size_t size) noexcept {
+  return Allocate(Function::kMemalign, alignment, size,
+                  [=] { return g_real.memalign(alignment, size); });
+}
+
+void* valloc(size_t size) noexcept {
+  return Allocate(Function::kValloc, PageAlignment(), size, [size] { return g_real.valloc(size); });
+}
+
+void* pvalloc(size_t size) noexcept {
+  return Allocate(Function::kPvalloc, PageAlignment(), size,
+                  [size] { return g_real.pvalloc(size); });
+}
+
+void free(void* block) noexcept {
+  const Call call;
+  if (IsInArena(block)) [[unlikely]]
+    return;
+  if (call.IsRecorded()) RecordFree(block);
+  if (g_real.free != nullptr) g_real.free(block);
+}
+
+size_t malloc_usable_size(void* block) noexcept {
+  if (IsInArena(block)) [[unlikely]]
+    return ArenaBlockSize(block);
+  const Call call;
+  return g_real.usableSize != nullptr ? g_real.usableSize(block) : 0;
+}
+
+// Ends the process without its exit handlers. After a vfork it is the parent's memory that this
+// runs in: nothing may change there but what the process id allows.
+void _exit(int status) {
+  WriteSummaryOnce();
+  if (g_real.exit != nullptr) g_real.exit(status);
+  for (;;) syscall(SYS_exit_group, status);
+}
+
+void _Exit(int status) noexcept { _exit(status); }
+
+}  // extern "C"
+#pragma GCC visibility pop

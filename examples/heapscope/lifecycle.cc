@@ -1,0 +1,95 @@
+// The collector's life in a process: start, fork, the ends.
+//
+// Counting starts with the process's first allocation, which comes from the initialisation of some
+// library; the output is opened by this library's own. The exit handler is one without a library,
+// so it runs after the destructors of all libraries. Nothing of the collector is torn down: threads
+// may go on allocating until the process is gone.
+
+#include <pthread.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "examples/heapscope/internal.h"
+#include "examples/heapscope/live_blocks.h"
+#include "host/host.h"
+#include "zelrt/runtime.h"
+
+namespace heapscope {
+
+constinit std::atomic<State> g_state{State::kUntouched};
+constinit Process g_process = {};
+
+namespace {
+
+constinit std::atomic<bool> g_summaryIsWritten{false};
+
+void BeforeFork() { HoldRecords(); }
+
+void AfterForkInParent() { ReleaseRecords(); }
+
+void AfterForkInChild() {
+  StartChildRecords();
+  g_process.forkedFrom = g_process.id;
+  g_process.id = getpid();
+  g_summaryIsWritten.store(false);
+  KeepOutputInChild();
+  ReleaseRecords();
+}
+
+State Start() {
+  if (!FindRealFunctions()) return State::kUnable;
+  // First, so that in a child its thread ids are forgotten after the stripes have been released by
+  // whoever may allocate there before: handlers run in the order of registration.
+  zelhost::Install();
+  if (!SetUpOwnMemory()) return State::kUnable;
+  RegisterLiveBlockCategories();
+  __ZelRtStartup();
+  pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);
+  return State::kCounting;
+}
+
+void AtExit(int, void*) { WriteSummaryOnce(); }
+void AtQuickExit() { WriteSummaryOnce(); }
+
+[[gnu::constructor]] void StartWithProcess() {
+  const InsideCollector inside;
+  const int kept = errno;
+  g_process.id = getpid();
+  std::strncpy(g_process.name, program_invocation_short_name, sizeof g_process.name - 1);
+  if (EnsureStarted() == State::kCounting) {
+    NoteEndOfEarlyAllocations();
+    OpenOutput();
+    on_exit(AtExit, nullptr);
+    at_quick_exit(AtQuickExit);
+  }
+  errno = kept;
+}
+
+}  // namespace
+
+State EnsureStarted() {
+  State found = State::kUntouched;
+  if (g_state.compare_exchange_strong(found, State::kStarting)) {
+    found = Start();
+    g_state.store(found, std::memory_order_release);
+    return found;
+  }
+  while (found == State::kStarting) {
+    __ZelYield();
+    found = g_state.load(std::memory_order_acquire);
+  }
+  return found;
+}
+
+void WriteSummaryOnce() {
+  // A child made without fork's handlers shares the parent's memory, or has tables with locks that
+  // nobody will release.
+  if (g_state.load(std::memory_order_acquire) != State::kCounting || g_process.id != getpid())
+    return;
+  if (!g_summaryIsWritten.exchange(true)) WriteSummary();
+}
+
+}  // namespace heapscope

@@ -1,0 +1,134 @@
+// The collector's own memory: a backing pair over mmap, and allocations that may fail.
+//
+// Pieces are cut off the front of a spare mapping. Before the library's allocator is called, the
+// spare is made large enough for whatever that call can ask for: the library would end the process
+// if it were refused, and the program has a right to carry on when memory is short.
+//
+// The growth lock is held around each call of the library's allocator, and guards the spare.
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "examples/heapscope/internal.h"
+#include "host/host.h"
+#include "zelrt/locks.h"
+#include "zelrt/memory.h"
+#include "zelrt/platform.h"
+
+namespace heapscope {
+namespace {
+
+// In front of each piece. Its size keeps blocks aligned to 16 bytes, and completes the library's
+// pages to powers of two.
+struct PieceHeader {
+  size_t length;
+  size_t unused;
+};
+static_assert(sizeof(PieceHeader) == 16);
+
+constexpr size_t kSpareSize = 1 << 20;
+constexpr size_t kFirstTableSize = 6 << 20;  // what the library takes at once, rounded up
+constexpr size_t kSmallestPage = 65536;
+constexpr size_t kLargestSmallBlock = 32728;
+constexpr size_t kBlockHeader = 8;
+
+constinit ZelSpinLock g_growthLock = {};
+constinit char* g_spare = nullptr;
+constinit size_t g_spareLength = 0;
+constinit std::atomic<uint64_t> g_mappedBytes{0};
+
+class GrowthHold {
+ public:
+  GrowthHold() {
+    __ZelAcquireSpinLockTid(&g_growthLock, static_cast<uint32_t>(zelhost::NativeThreadId()));
+  }
+  ~GrowthHold() { __ZelReleaseSpinLock(&g_growthLock); }
+  GrowthHold(const GrowthHold&) = delete;
+  GrowthHold& operator=(const GrowthHold&) = delete;
+};
+
+class ErrnoKeeper {
+ public:
+  ErrnoKeeper() = default;
+  ~ErrnoKeeper() { errno = kept_; }
+  ErrnoKeeper(const ErrnoKeeper&) = delete;
+  ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
+
+ private:
+  const int kept_ = errno;
+};
+
+size_t WholePages(size_t size) {
+  const size_t page = __ZelGetNativePageSize();
+  return (size + page - 1) / page * page;
+}
+
+void Unmap(void* start, size_t length) {
+  if (length == 0) return;
+  munmap(start, length);
+  g_mappedBytes.fetch_sub(length, std::memory_order_relaxed);
+}
+
+bool EnsureSpareLocked(size_t length) {
+  if (g_spareLength >= length) return true;
+  const size_t wanted = std::max(WholePages(length), kSpareSize);
+  void* const fresh =
+      mmap(nullptr, wanted, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (fresh == MAP_FAILED) return false;
+  g_mappedBytes.fetch_add(wanted, std::memory_order_relaxed);
+  Unmap(g_spare, g_spareLength);
+  g_spare = static_cast<char*>(fresh);
+  g_spareLength = wanted;
+  return true;
+}
+
+// The pair. Both run inside calls of the library that are made under the growth lock.
+void* BackingAllocate(size_t size) {
+  const size_t length = WholePages(size + sizeof(PieceHeader));
+  if (length < size || !EnsureSpareLocked(length)) return nullptr;
+  auto* const header = reinterpret_cast<PieceHeader*>(g_spare);
+  g_spare += length;
+  g_spareLength -= length;
+  header->length = length;
+  return header + 1;
+}
+
+void BackingFree(void* block) {
+  PieceHeader* const header = static_cast<PieceHeader*>(block) - 1;
+  Unmap(header, header->length);
+}
+
+// The most that one allocation takes from the pair.
+size_t BackingLength(size_t size, uint32_t sizeShift) {
+  if (size <= kLargestSmallBlock) return kSmallestPage << sizeShift;
+  return WholePages(size + kBlockHeader + sizeof(PieceHeader));
+}
+
+}  // namespace
+
+bool SetUpOwnMemory() {
+  const GrowthHold hold;
+  if (!EnsureSpareLocked(kFirstTableSize)) return false;
+  __ZelInitializeSubAllocator(BackingAllocate, BackingFree);
+  __ZelEnableMemoryStatisticsCollection();
+  return true;
+}
+
+void* AllocateOwn(uint32_t category, size_t size, uint32_t sizeShift) {
+  const ErrnoKeeper keeper;
+  const GrowthHold hold;
+  if (!EnsureSpareLocked(BackingLength(size, sizeShift))) return nullptr;
+  return __ZelMalloc(category, size, sizeShift);
+}
+
+void FreeOwn(void* block) {
+  const ErrnoKeeper keeper;
+  const GrowthHold hold;
+  __ZelFree(block);
+}
+
+uint64_t OwnMappedBytes() { return g_mappedBytes.load(std::memory_order_relaxed); }
+
+}  // namespace heapscope
