@@ -68,6 +68,17 @@ const std::vector<Step>& MixedSteps() {
   return steps;
 }
 
+enum class Sizes { kEqual, kMixed };
+
+std::vector<uint16_t> SizesInTurn(Sizes sizes) {
+  constexpr uint16_t kEqualSize = 64;
+  std::vector<uint16_t> made(kSteps, kEqualSize);
+  if (sizes == Sizes::kMixed)
+    std::transform(MixedSteps().begin(), MixedSteps().end(), made.begin(),
+                   [](const Step& step) { return step.size; });
+  return made;
+}
+
 constexpr uint32_t kBatch = 1000;
 
 // Orders in which the blocks of a batch are freed; several, lest they be learnt.
@@ -97,20 +108,15 @@ void Pair(benchmark::State& state, size_t pairSize) {
   }
 }
 
-enum class Sizes { kEqual, kMixed };
-
 template <typename Allocator>
 void Batch(benchmark::State& state, Sizes sizes) {
   Allocator allocator;
-  std::vector<Step> steps(MixedSteps().begin(), MixedSteps().begin() + kBatch);
-  if (sizes == Sizes::kEqual) {
-    for (Step& step : steps) step.size = 64;
-  }
+  const std::vector<uint16_t> sequence = SizesInTurn(sizes);
   const std::vector<uint16_t>& orders = FreeingOrders();
   std::vector<void*> blocks(kBatch);
   auto order = orders.begin();
   while (state.KeepRunningBatch(kBatch)) {
-    for (uint32_t i = 0; i < kBatch; ++i) blocks[i] = Touch(allocator.Allocate(0, steps[i].size));
+    for (uint32_t i = 0; i < kBatch; ++i) blocks[i] = Touch(allocator.Allocate(0, sequence[i]));
     for (uint32_t i = 0; i < kBatch; ++i) allocator.Free(blocks[order[i]]);
     order += kBatch;
     if (order == orders.end()) order = orders.begin();
@@ -213,17 +219,17 @@ class Ring {
 };
 
 template <typename Allocator>
-void HandOver(benchmark::State& state) {
+void HandOver(benchmark::State& state, Sizes sizes) {
   std::optional<Allocator> allocators[2];
   RunOnBothThreads([&](int thread) { allocators[thread].emplace(); });
-  const Step* const steps = MixedSteps().data();
+  const std::vector<uint16_t> sequence = SizesInTurn(sizes);
   uint32_t step = 0;
   Ring ring;
   while (state.KeepRunningBatch(kStepsPerRound)) {
     state.SetIterationTime(RunOnBothThreads([&](int thread) {
       if (thread == 0) {
         for (uint32_t left = kStepsPerRound; left > 0; --left)
-          ring.Put(Touch(allocators[0]->Allocate(0, steps[step++ % kSteps].size)));
+          ring.Put(Touch(allocators[0]->Allocate(0, sequence[step++ % kSteps])));
       } else {
         for (uint32_t left = kStepsPerRound; left > 0; --left) allocators[1]->Free(ring.Get());
       }
@@ -287,11 +293,12 @@ Work ChurnOfTwo() {
           .goals = {AtMost(1.0, kModel)}};
 }
 
-Work FromThreadToThread() {
-  return {.name = "one thread allocates, another frees",
-          .measure = Measure::kManualTime,
-          .contenders = Contenders([]<typename A>(benchmark::State& s) { HandOver<A>(s); }),
-          .goals = {AtMost(1.5, kBestPeer), AheadOf(kGlibc)}};
+Work FromThreadToThread(const char* name, Sizes sizes) {
+  return {
+      .name = name,
+      .measure = Measure::kManualTime,
+      .contenders = Contenders([sizes]<typename A>(benchmark::State& s) { HandOver<A>(s, sizes); }),
+      .goals = {AtMost(1.5, kBestPeer), AheadOf(kGlibc)}};
 }
 
 }  // namespace
@@ -304,7 +311,8 @@ Family Allocator() {
            BatchOf("1,000 mixed, freed at random", Sizes::kMixed),
            ManyLive("mixed, 100,000 live", Categories::kOne),
            ManyLive("mixed, 100,000 live in 8 categories", Categories::kAll), ChurnOfTwo(),
-           FromThreadToThread()}};
+           FromThreadToThread("64 bytes, one thread allocates, one frees", Sizes::kEqual),
+           FromThreadToThread("mixed, one thread allocates, one frees", Sizes::kMixed)}};
 }
 
 }  // namespace bench
