@@ -24,6 +24,7 @@ need_packages() {
 
 BUILD_PACKAGES=(g++ cmake ninja-build libboost-dev)
 TEST_PACKAGES=(libgtest-dev pkg-config git)
+BENCHMARK_PACKAGES=(libbenchmark-dev)
 LINT_PACKAGES=(clang-format clang-tidy git)
 
 # Configures and builds a preset of CMakePresets.json, with further arguments for the configuration.
