@@ -71,16 +71,26 @@ void Unmap(void* start, size_t length) {
   g_mappedBytes.fetch_sub(length, std::memory_order_relaxed);
 }
 
+char* Map(size_t length) {
+  void* const start =
+      mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (start == MAP_FAILED) return nullptr;
+  g_mappedBytes.fetch_add(length, std::memory_order_relaxed);
+  return static_cast<char*>(start);
+}
+
 bool EnsureSpareLocked(size_t length) {
   if (g_spareLength >= length) return true;
-  const size_t wanted = std::max(WholePages(length), kSpareSize);
-  void* const fresh =
-      mmap(nullptr, wanted, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  if (fresh == MAP_FAILED) return false;
-  g_mappedBytes.fetch_add(wanted, std::memory_order_relaxed);
+  size_t freshLength = std::max(length, kSpareSize);
+  char* fresh = Map(freshLength);
+  if (fresh == nullptr && length < freshLength) {
+    freshLength = length;
+    fresh = Map(freshLength);
+  }
+  if (fresh == nullptr) return false;
   Unmap(g_spare, g_spareLength);
-  g_spare = static_cast<char*>(fresh);
-  g_spareLength = wanted;
+  g_spare = fresh;
+  g_spareLength = freshLength;
   return true;
 }
 
@@ -100,7 +110,7 @@ void BackingFree(void* block) {
   Unmap(header, header->length);
 }
 
-// The most that one allocation takes from the pair.
+// The most that one allocation takes from the pair, in whole OS pages.
 size_t BackingLength(size_t size, uint32_t sizeShift) {
   if (size <= kLargestSmallBlock) return kSmallestPage << sizeShift;
   return WholePages(size + kBlockHeader + sizeof(PieceHeader));

@@ -1,0 +1,378 @@
+// A program whose allocations are known, with one part for each thing to be seen of a collector.
+//
+// Written so that only what it calls itself allocates: no streams. A part that finds something
+// wrong ends the program with the number of the line.
+
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <malloc.h>
+#include <pthread.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#define CHECK(condition)                                      \
+  do {                                                        \
+    if (!(condition)) {                                       \
+      dprintf(2, "subject.c:%d: %s\n", __LINE__, #condition); \
+      _exit(1);                                               \
+    }                                                         \
+  } while (0)
+
+static const char* g_self;
+
+// dprintf would allocate.
+static void __attribute__((format(printf, 1, 2))) Say(const char* format, ...) {
+  char text[200];
+  va_list arguments;
+  va_start(arguments, format);
+  const int length = vsnprintf(text, sizeof text, format, arguments);
+  va_end(arguments);
+  CHECK(write(1, text, (size_t)length) == length);
+}
+
+static volatile size_t g_huge = PTRDIFF_MAX;
+
+static int IsAligned(const void* block, size_t alignment) {
+  return block != NULL && (uintptr_t)block % alignment == 0;
+}
+
+static void Nothing(void) {}
+
+// Eleven blocks of 7,776 bytes; four of them, of 266 bytes, stay. At most 5,260 bytes are live: the
+// 5,000 and the three blocks that stay and were made before.
+static void EachFunction(void) {
+  char* kept = malloc(100);
+  CHECK(IsAligned(kept, 16));
+  char* zeroed = calloc(3, 50);
+  for (int i = 0; i < 150; ++i) CHECK(zeroed[i] == 0);
+  free(zeroed);
+  char* grown = realloc(NULL, 20);
+  memset(grown, 'x', 20);
+  grown = realloc(grown, 2000);
+  for (int i = 0; i < 20; ++i) CHECK(grown[i] == 'x');
+  void* aligned = NULL;
+  CHECK(posix_memalign(&aligned, 64, 200) == 0 && IsAligned(aligned, 64));
+  free(aligned);
+  free(grown);
+  CHECK(reallocarray(NULL, 4, 8) != NULL);
+  CHECK(IsAligned(aligned_alloc(64, 128), 64));
+  void* more = memalign(32, 40);
+  CHECK(IsAligned(more, 32));
+  free(more);
+  const size_t page = (size_t)sysconf(_SC_PAGESIZE);
+  void* paged = valloc(5000);
+  CHECK(IsAligned(paged, page));
+  free(paged);
+  paged = pvalloc(100);
+  CHECK(IsAligned(paged, page));
+  free(paged);
+  CHECK(strdup("hello") != NULL);
+}
+
+// What the functions answer when they fail, and at their edges, goes to standard output.
+static void Edges(void) {
+  errno = 77;
+  void* block = malloc(100);
+  Say("malloc leaves errno %d\n", errno);
+  memset(block, 'k', 100);
+
+  errno = 0;
+  Say("malloc %d", malloc(g_huge) != NULL);
+  Say(" %d\n", errno);
+  errno = 0;
+  Say("calloc %d", calloc(g_huge, 4) != NULL);
+  Say(" %d\n", errno);
+  errno = 0;
+  Say("realloc %d", realloc(block, g_huge) != NULL);
+  Say(" %d\n", errno);
+  errno = 0;
+  Say("reallocarray %d", reallocarray(block, g_huge, 4) != NULL);
+  Say(" %d\n", errno);
+  for (int i = 0; i < 100; ++i) CHECK(((char*)block)[i] == 'k');
+
+  errno = 78;
+  void* untouched = block;
+  Say("posix_memalign %d", posix_memalign(&untouched, 3, 10));
+  Say(" %d", posix_memalign(&untouched, 64, g_huge));
+  Say(" %d %d\n", errno, untouched == block);
+  errno = 0;
+  Say("aligned_alloc %d", aligned_alloc(64, g_huge) != NULL);
+  Say(" %d\n", errno);
+
+  errno = 79;
+  free(block);
+  free(NULL);
+  Say("free leaves errno %d\n", errno);
+
+  Say("realloc to nothing %d\n", realloc(malloc(30), 0) != NULL);
+  Say("malloc of nothing %d\n", malloc(0) != NULL);
+
+  for (size_t size = 0; size < 3000; size += 7) {
+    block = malloc(size);
+    Say("%zu ", malloc_usable_size(block));
+    block = realloc(block, 2 * size + 1);
+    Say("%zu\n", malloc_usable_size(block));
+    free(block);
+  }
+}
+
+// Each thread fills its own list, and frees its neighbour's.
+enum { kThreads = 4, kBlocks = 20000 };
+static void** g_lists[kThreads];
+static pthread_barrier_t g_barrier;
+static long g_blocks;
+
+static size_t SizeOf(long i) { return (size_t)(1 + i % 3000); }
+
+static void* CrossThread(void* argument) {
+  const long self = (long)argument;
+  pthread_barrier_wait(&g_barrier);
+  for (int round = 0; round < 5; ++round) {
+    for (long i = 0; i < g_blocks; ++i) g_lists[self][i] = malloc(SizeOf(i));
+    pthread_barrier_wait(&g_barrier);
+    void** const list = g_lists[(self + 1) % kThreads];
+    for (long i = 0; i < g_blocks; ++i) {
+      if (i % 10 == 0) list[i] = realloc(list[i], 2 * SizeOf(i));
+      if (i % 100 != 1 || round != 4) free(list[i]);
+    }
+    pthread_barrier_wait(&g_barrier);
+  }
+  return NULL;
+}
+
+static void Threads(long blocks) {
+  g_blocks = blocks;
+  for (int i = 0; i < kThreads; ++i) g_lists[i] = calloc(kBlocks, sizeof(void*));
+  pthread_barrier_init(&g_barrier, NULL, kThreads);
+  pthread_t threads[kThreads];
+  for (long i = 0; i < kThreads; ++i) pthread_create(&threads[i], NULL, CrossThread, (void*)i);
+  for (int i = 0; i < kThreads; ++i) pthread_join(threads[i], NULL);
+}
+static void CrossThreads(void) { Threads(kBlocks); }
+static void IdleThreads(void) { Threads(0); }
+
+// Two threads allocate and one forks as well, while the main thread forks 200 times. Each child
+// makes ten blocks, frees five of them and one of its parent's, and exits with what it found.
+static volatile int g_stop;
+static void* g_inherited[200];
+
+static void* AllocateUntilStopped(void* unused) {
+  (void)unused;
+  for (unsigned i = 0; !g_stop; ++i) free(realloc(malloc(i % 5000 + 1), i % 7000 + 1));
+  return NULL;
+}
+
+static void ForkOnce(int number) {
+  const pid_t child = fork();
+  CHECK(child >= 0);
+  if (child == 0) {
+    void* blocks[10];
+    for (int i = 0; i < 10; ++i) blocks[i] = malloc((size_t)(100 + i));
+    for (int i = 0; i < 5; ++i) free(blocks[i]);
+    if (number >= 0) free(g_inherited[number]);
+    exit(42);
+  }
+  int status;
+  CHECK(waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 42);
+}
+
+static void* ForkUntilStopped(void* unused) {
+  (void)unused;
+  while (!g_stop) ForkOnce(-1);
+  return NULL;
+}
+
+static void Forks(void) {
+  for (int i = 0; i < 200; ++i) g_inherited[i] = malloc(33);
+  pthread_t threads[3];
+  pthread_create(&threads[0], NULL, AllocateUntilStopped, NULL);
+  pthread_create(&threads[1], NULL, AllocateUntilStopped, NULL);
+  pthread_create(&threads[2], NULL, ForkUntilStopped, NULL);
+  for (int i = 0; i < 200; ++i) ForkOnce(i);
+  g_stop = 1;
+  for (int i = 0; i < 3; ++i) pthread_join(threads[i], NULL);
+}
+
+// fork waits for the list of streams, which a flush of all streams holds; that allocates.
+static ssize_t AllocateWhileFlushed(void* unused, const char* text, size_t size) {
+  (void)unused;
+  (void)text;
+  usleep(500 * 1000);
+  for (int i = 0; i < 100; ++i) free(malloc(1000));
+  return (ssize_t)size;
+}
+
+static void* FlushAll(void* unused) {
+  (void)unused;
+  fflush(NULL);
+  return NULL;
+}
+
+static void ForkBesideFlush(void) {
+  const cookie_io_functions_t functions = {.write = AllocateWhileFlushed};
+  FILE* const stream = fopencookie(NULL, "w", functions);
+  fputs("text", stream);
+  pthread_t flusher;
+  pthread_create(&flusher, NULL, FlushAll, NULL);
+  usleep(100 * 1000);
+  const pid_t child = fork();
+  if (child == 0) _exit(0);
+  pthread_join(flusher, NULL);
+  int status;
+  CHECK(waitpid(child, &status, 0) == child && status == 0);
+}
+
+static void Vfork(void) {
+  for (int i = 0; i < 10; ++i) {
+    const pid_t child = vfork();
+    if (child == 0) _exit(0);
+    CHECK(waitpid(child, NULL, 0) == child);
+  }
+}
+
+static void Exec(void) {
+  CHECK(malloc(12345) != NULL);
+  execl(g_self, g_self, "each-function", NULL);
+  CHECK(0);
+}
+
+static void SpawnWithItsOwnErrors(void) {
+  const pid_t child = fork();
+  if (child == 0) {
+    dup2(1, 2);
+    execl(g_self, g_self, "nothing", NULL);
+  }
+  CHECK(waitpid(child, NULL, 0) == child);
+}
+
+static void ExecWithOtherErrors(void) {
+  dup2(1, 2);
+  execl(g_self, g_self, "nothing", NULL);
+}
+
+// Ends -------------------------------------------------------------------------------------------
+
+static void* ExitWith7(void* unused) {
+  (void)unused;
+  exit(7);
+}
+static void ExitInThread(void) {
+  pthread_t threads[2];
+  pthread_create(&threads[0], NULL, AllocateUntilStopped, NULL);
+  pthread_create(&threads[1], NULL, ExitWith7, NULL);
+  pause();
+}
+static void QuickExit(void) { quick_exit(8); }
+static void ExitAtOnce(void) { _exit(9); }
+static void ExitAtOnceToo(void) { _Exit(10); }
+static void Abort(void) { abort(); }
+static void KillItself(void) { kill(getpid(), SIGKILL); }
+
+static void* g_last;
+static void AllocateLate(void) { g_last = malloc(501); }
+static void __attribute__((destructor)) FreeLater(void) {
+  if (g_last == NULL) return;
+  free(g_last);
+  g_last = malloc(502);
+}
+static void LateAllocations(void) { atexit(AllocateLate); }
+
+// Descriptors ------------------------------------------------------------------------------------
+
+// Exits with the number of the first descriptor above the standard ones.
+static void NewDescriptors(void) {
+  for (int i = 0; i < 3; ++i) CHECK(open("/dev/null", O_RDWR) == i);
+  exit(open("/dev/null", O_RDWR));
+}
+
+// Puts a file of its own in the place of every descriptor that the collector may have.
+static void TakeAllDescriptors(void) {
+  const int file = open(getenv("OWN_FILE"), O_WRONLY | O_CREAT | O_TRUNC, 0666);
+  CHECK(file >= 0);
+  for (int i = 3; i < 1024; ++i) {
+    if (i != file) dup2(file, i);
+  }
+  const pid_t child = fork();
+  if (child == 0) exit(0);
+  CHECK(waitpid(child, NULL, 0) == child);
+}
+
+// Memory -----------------------------------------------------------------------------------------
+
+// Has a heap of 8 MB and nothing else, and takes all of it in small blocks.
+static void RunOutOfMemory(void) {
+  mallopt(M_TOP_PAD, 8 << 20);
+  CHECK(malloc(100000) != NULL);
+  const int statm = open("/proc/self/statm", O_RDONLY);
+  char text[100] = "";
+  CHECK(read(statm, text, sizeof text - 1) > 0);
+  close(statm);
+  const rlim_t size = strtoul(text, NULL, 10) * (rlim_t)sysconf(_SC_PAGESIZE);
+  const struct rlimit limit = {size, RLIM_INFINITY};
+  CHECK(setrlimit(RLIMIT_AS, &limit) == 0);
+  long count = 1;
+  while (malloc(24) != NULL) ++count;
+  CHECK(errno == ENOMEM);
+  Say("%ld\n", count);
+}
+
+static void UseBlockFromBeforeTheStart(void) {
+  void* (*getter)(void) = (void* (*)(void))dlsym(RTLD_DEFAULT, "BlockFromBeforeTheStart");
+  CHECK(getter != NULL);
+  char* block = getter();
+  CHECK(block != NULL && malloc_usable_size(block) >= 100);
+  CHECK(IsAligned(block, 16));
+  char* moved = realloc(block, 300);
+  CHECK(moved != NULL && moved != block);
+  for (int i = 0; i < 100; ++i) CHECK(moved[i] == 'e');
+  free(block);
+  free(moved);
+}
+
+static const struct {
+  const char* name;
+  void (*run)(void);
+} kParts[] = {
+    {"nothing", Nothing},
+    {"each-function", EachFunction},
+    {"edges", Edges},
+    {"cross-threads", CrossThreads},
+    {"idle-threads", IdleThreads},
+    {"forks", Forks},
+    {"fork-beside-flush", ForkBesideFlush},
+    {"vfork", Vfork},
+    {"exec", Exec},
+    {"spawn-with-its-own-errors", SpawnWithItsOwnErrors},
+    {"exec-with-other-errors", ExecWithOtherErrors},
+    {"exit-in-thread", ExitInThread},
+    {"quick-exit", QuickExit},
+    {"exit-at-once", ExitAtOnce},
+    {"exit-at-once-too", ExitAtOnceToo},
+    {"abort", Abort},
+    {"kill-itself", KillItself},
+    {"late-allocations", LateAllocations},
+    {"new-descriptors", NewDescriptors},
+    {"take-all-descriptors", TakeAllDescriptors},
+    {"run-out-of-memory", RunOutOfMemory},
+    {"use-block-from-before-the-start", UseBlockFromBeforeTheStart},
+};
+
+int main(int argc, char** argv) {
+  g_self = argv[0];
+  for (size_t i = 0; argc == 2 && i < sizeof kParts / sizeof kParts[0]; ++i) {
+    if (strcmp(argv[1], kParts[i].name) == 0) {
+      kParts[i].run();
+      return 0;
+    }
+  }
+  return 2;
+}

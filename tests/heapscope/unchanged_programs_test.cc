@@ -1,0 +1,87 @@
+// Real programs say and answer the same under heapscope. Those that are not there are skipped.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "tests/heapscope/run.h"
+#include "tests/heapscope/summary_reader.h"
+
+namespace {
+
+constexpr char kPipeline[] = R"(
+printf '%s\n' pear apple quince | sort | tr a-z A-Z
+(exit 3) | cat; echo "${PIPESTATUS[@]}"
+listing=$(ls -a / 2>&1); echo "$listing" | wc -l
+nothing-of-this-name; echo "not found: $?"
+sh -c 'kill -TERM $$'; echo "killed: $?"
+for i in 1 2 3 4 5; do (echo "$i"; exit "$i") & wait $!; echo "$?"; done
+exec sh -c 'echo replaced >&2; exit 4'
+)";
+
+constexpr char kThreadsAndChildren[] = R"(
+import json, os, subprocess, sys, threading
+lists = [[] for _ in range(4)]
+def fill(mine):
+    for i in range(2000):
+        mine.append({'key': str(i) * 3, 'more': list(range(i % 50))})
+threads = [threading.Thread(target=fill, args=(l,)) for l in lists]
+for t in threads: t.start()
+for _ in range(5):
+    subprocess.run(['true'], check=True)
+    child = os.fork()
+    if child == 0: os._exit(len(json.dumps(lists[0])) > 0)
+    assert os.WEXITSTATUS(os.waitpid(child, 0)[1]) == 1
+for t in threads: t.join()
+print(len(json.dumps(lists)))
+sys.exit(5)
+)";
+
+constexpr char kRepository[] = R"(
+repository=$(mktemp -d) && cd "$repository" || exit 1
+export GIT_CONFIG_NOSYSTEM=1 GIT_CONFIG_GLOBAL=/dev/null
+export GIT_AUTHOR_NAME=a GIT_AUTHOR_EMAIL=a GIT_AUTHOR_DATE='2000-01-01T00:00:00Z'
+export GIT_COMMITTER_NAME=c GIT_COMMITTER_EMAIL=c GIT_COMMITTER_DATE='2000-01-01T00:00:00Z'
+git init -q . 2>/dev/null
+for i in 1 2 3; do
+  seq "$i" $((i * 300)) >file; git add file; git commit -q -m "change $i"
+done
+git log --stat -p; git gc -q; git fsck; git log --bad-option
+status=$?
+rm -rf "$repository"
+exit "$status"
+)";
+
+struct Program {
+  const char* program;
+  std::vector<std::string> arguments;
+};
+void PrintTo(const Program& program, std::ostream* stream) { *stream << program.program; }
+
+class UnchangedProgramsTest : public testing::TestWithParam<Program> {};
+
+TEST_P(UnchangedProgramsTest, OutputAndStatusAreTheSame) {
+  const std::vector<std::string>& arguments = GetParam().arguments;
+  const Outcome plain = RunCommand({.arguments = arguments});
+  if (access(GetParam().program, X_OK) != 0)
+    GTEST_SKIP() << GetParam().program << " is not installed";
+  const TemporaryDirectory directory;
+  const std::string file = directory.File("summary");
+  const Outcome counted = RunCommand(UnderHeapscope({"-o", file}, arguments));
+  EXPECT_EQ(plain.status, counted.status);
+  EXPECT_EQ(plain.output, counted.output);
+  EXPECT_EQ(plain.errors, counted.errors);
+  const std::vector<Summary> summaries = ReadSummaries(Contents(file));
+  ASSERT_FALSE(summaries.empty());
+  for (const Summary& summary : summaries) {
+    EXPECT_LT(0, summary.totals.at("live at peak").bytes);
+    EXPECT_EQ(0u, summary.irregularities.count("frees of blocks whose allocation was not seen"));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Programs, UnchangedProgramsTest,
+    testing::Values(Program{"/bin/bash", {"/bin/bash", "-c", kPipeline}},
+                    Program{"/usr/bin/python3", {"/usr/bin/python3", "-c", kThreadsAndChildren}},
+                    Program{"/usr/bin/git", {"/bin/bash", "-c", kRepository}}));
+
+}  // namespace
