@@ -19,8 +19,8 @@
 namespace {
 
 const char* const kDefaults[] = {
-    "--benchmark_repetitions=15",
-    "--benchmark_min_time=0.06",
+    "--benchmark_repetitions=25",
+    "--benchmark_min_time=0.04",
     "--benchmark_enable_random_interleaving=true",
 };
 

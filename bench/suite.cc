@@ -10,33 +10,39 @@ namespace {
 // Keeps the medians and prints nothing.
 class MedianCollector : public benchmark::BenchmarkReporter {
  public:
+  explicit MedianCollector(Measure measure) : measure_(measure) {}
+
   bool ReportContext(const Context&) override { return true; }
 
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& run : runs) {
       if (run.error_occurred || !IsMedian(run)) continue;
-      const auto counter = run.counters.find(kFigure);
-      figures_[run.run_name.function_name] =
-          counter != run.counters.end() ? counter->second.value : run.GetAdjustedRealTime();
+      figures_[run.run_name.function_name] = FigureOf(run);
     }
   }
 
   const Figures& Get() const { return figures_; }
 
  private:
+  double FigureOf(const Run& run) const {
+    if (measure_ == Measure::kTime) return run.GetAdjustedCPUTime();
+    if (measure_ == Measure::kManualTime) return run.GetAdjustedRealTime();
+    return run.counters.at(kFigure).value;
+  }
+
   // A single repetition has no aggregates: it is its own median.
   static bool IsMedian(const Run& run) {
     return run.run_type == Run::RT_Aggregate ? run.aggregate_name == "median"
                                              : run.repetitions <= 1;
   }
 
+  const Measure measure_;
   Figures figures_;
 };
 
 void Register(const Contender& contender, Measure measure) {
   benchmark::internal::Benchmark* const registered =
       benchmark::RegisterBenchmark(contender.name, contender.run);
-  if (measure == Measure::kTime) registered->UseRealTime();
   if (measure == Measure::kManualTime) registered->UseManualTime();
   if (measure == Measure::kCounter) registered->Iterations(1);
 }
@@ -47,7 +53,7 @@ Figures RunWork(const Work& work) {
   for (const Contender& contender : work.contenders) {
     if (contender.run) Register(contender, work.measure);
   }
-  MedianCollector collector;
+  MedianCollector collector(work.measure);
   benchmark::RunSpecifiedBenchmarks(&collector, "all");
   benchmark::ClearRegisteredBenchmarks();
   return collector.Get();

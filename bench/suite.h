@@ -45,8 +45,8 @@ inline Goal AheadOf(const char* opponent) { return {opponent, 1.0, true}; }
 
 // How the figure of a work comes about.
 enum class Measure {
-  kTime,        // nanoseconds of an iteration
-  kManualTime,  // the same, of what the benchmark reports with SetIterationTime
+  kTime,        // nanoseconds of an iteration, on the processor: of one thread that never waits
+  kManualTime,  // nanoseconds of an iteration, as reported with SetIterationTime
   kCounter,     // the counter kFigure, set by a benchmark that runs for one iteration; any unit
 };
 inline constexpr char kFigure[] = "figure";
