@@ -7,14 +7,19 @@
 
 #include "zelrt/atomics.h"
 #include "zelrt/base.h"
+#include "zelrt/files.h"
 #include "zelrt/locks.h"
 #include "zelrt/log.h"
 #include "zelrt/memory.h"
 #include "zelrt/platform.h"
+#include "zelrt/processes.h"
 #include "zelrt/runtime.h"
+#include "zelrt/xml.h"
 
 #ifdef __cplusplus
+#include "zelrt/paths.hpp"
 #include "zelrt/system_information.hpp"
+#include "zelrt/xml_writer.hpp"
 #endif
 
 #endif

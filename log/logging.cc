@@ -1,18 +1,25 @@
-// The logging interface. There is no log file yet: messages are dropped.
+// The calls that log.
 
 #include <cstdarg>
-#include <cstdio>
 
+#include "log/internal.h"
 #include "zelrt/log.h"
 
-constinit uint32_t ZELLOG_MSG_ABNORMAL_TERMINATE = 0;
-constinit uint32_t ZELLOG_MSG_OUT_OF_MEMORY = 0;
-constinit uint32_t ZELLOG_MSG_COLLECT_MEMORY = 0;
-constinit uint32_t ZELLOG_MSG_MEMORY_IS_TIGHT = 0;
-constinit uint32_t ZELLOG_MSG_FREEING_RESERVES = 0;
+using namespace zelrt;
 
-void __ZelLogInternal(uint32_t, uint32_t, uint32_t, uint64_t, ...) {}
+void __ZelLogInternal(uint32_t severity, uint32_t messageId, uint32_t notForDisplay,
+                      uint64_t formatOrTag, ...) {
+  va_list arguments;
+  va_start(arguments, formatOrTag);
+  WriteLogRecord(severity, messageId, notForDisplay != 0, formatOrTag, arguments);
+  va_end(arguments);
+}
 
-int32_t __ZelLogCommentInternal(const char*, ...) { return 0; }
-
-uint32_t __ZelIsLoggerInitialized() { return 0; }
+int32_t __ZelLogCommentInternal(const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  WriteLogRecord(ZELLOG_SEVERITY_INFO, ZELLOG_MSG_COMMENT, false,
+                 reinterpret_cast<uint64_t>(format), arguments);
+  va_end(arguments);
+  return 0;
+}

@@ -71,7 +71,8 @@ void UnlinkPageLocked(ZelSizeClassBucket* bucket, ZelAllocatorPage* page) {
   if (page->next != nullptr) page->next->previous = page->previous;
 }
 
-[[gnu::always_inline]] inline void* TakeSlotLocked(ZelSizeClassBucket* bucket, ZelAllocatorPage* page) {
+[[gnu::always_inline]] inline void* TakeSlotLocked(ZelSizeClassBucket* bucket,
+                                                   ZelAllocatorPage* page) {
   uint64_t* const slot = page->freeList;
   page->freeList = NextFree(LoadRelaxed(*slot));
   StoreRelaxed(*slot, reinterpret_cast<uint64_t>(page));

@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "memory/internal.h"
+#include "runtime/ending.h"
 #include "runtime/spin_flag.h"
 #include "zelrt/log.h"
 
@@ -48,7 +49,7 @@ ZelSystemAllocator* SystemAllocator() {
     if (g_systemAllocator == nullptr) made = MakeSystemAllocator();
   }
   // Without the flag, since the exit hook may allocate.
-  if (!made && ClaimEndOfProcess(CallingOwner())) __ZelExitHandler(-1);
+  if (!made && ClaimEndOfProcess(CallingOwner()) == EndClaim::kFirst) __ZelExitHandler(-1);
   return LoadAcquire(g_systemAllocator);
 }
 

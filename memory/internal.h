@@ -119,10 +119,6 @@ inline constexpr uint64_t SaturatingSum(uint64_t a, uint64_t b) {
 // ends the process when that is used up. Null only while the process is ending.
 void* RequestBackingMemory(uint64_t bytes, uint64_t self);
 
-// True for the one thread that shall end the process for want of memory. Everybody else is refused:
-// that thread itself at once, others after it had two seconds to do it.
-bool ClaimEndOfProcess(uint64_t self);
-
 // Drops the reserve without giving it back.
 void ForgetReserve();
 

@@ -5,11 +5,11 @@
 // under it. Under the pre-allocation check lock: g_failuresInARow.
 
 #include <sys/sysinfo.h>
-#include <time.h>
 
 #include <climits>
 
 #include "memory/internal.h"
+#include "runtime/ending.h"
 #include "runtime/slot_table.h"
 #include "zelrt/log.h"
 
@@ -36,7 +36,6 @@ constinit ZelSpinLock g_preAllocationCheckLock = {};
 constinit int32_t g_failuresInARow = 0;
 constinit uint32_t g_checkIsPausing = 0;
 
-constinit uint64_t g_ender = kNoOwner;  // the thread that ends the process for want of memory
 constinit uint32_t g_tightnessUnreported = 1;
 
 using PreAllocationCheckGuard = SpinGuard<LockRank::kPreAllocationCheck>;
@@ -77,21 +76,9 @@ void CheckSwapPressureLocked(uint64_t self) {
 // Exhaustion
 // ---------------------------------------------------------------------------------------
 
-// Gives another thread time to end the process.
-void AwaitEndOfProcess() {
-  constexpr time_t kPatienceSeconds = 2;
-  timespec start;
-  timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &start);
-  do {
-    __ZelYield();
-    clock_gettime(CLOCK_MONOTONIC, &now);
-  } while (now.tv_sec - start.tv_sec <= kPatienceSeconds);
-}
-
 // Ends the process, once. Returns for allocations of the report itself, which must do without.
 void ReportOutOfMemory(uint64_t self) {
-  if (!ClaimEndOfProcess(self)) return;
+  if (ClaimEndOfProcess(self) != EndClaim::kFirst) return;
   // The frames that hold these will not be returned to, but exit handlers may need them.
   AbandonSpinLock(&g_systemAllocationLock, self);
   StoreRelaxed(g_checkIsPausing, 0);
@@ -145,14 +132,6 @@ bool SwapWatch::HasFallen(uint64_t freeSwap, uint64_t totalSwap) {
   if (low_ + totalSwap / 16 >= high_) return false;
   *this = SwapWatch();
   return true;
-}
-
-bool ClaimEndOfProcess(uint64_t self) {
-  const uint64_t ender = AtomicCompareExchange(g_ender, self, kNoOwner);
-  if (ender == kNoOwner) return true;
-  // A thread that waited for ever might hold a lock which the ending thread needs.
-  if (ender != self) AwaitEndOfProcess();
-  return false;
 }
 
 void* RequestBackingMemory(uint64_t bytes, uint64_t self) {

@@ -18,15 +18,13 @@ namespace zelrt {
 enum class LockRank : uint32_t {
   kPreAllocationCheck,
   kSystemAllocation,
+  kLogFile,
   kSizeClassBucket,
   kStatistics,
 };
 
 inline constexpr const char* kLockNames[] = {
-    "pre-allocation check",
-    "system allocation",
-    "size-class bucket",
-    "statistics",
+    "pre-allocation check", "system allocation", "log file", "size-class bucket", "statistics",
 };
 
 // lock_order.cc: notes the calling thread's holds; only called where kDebugChecks is true.

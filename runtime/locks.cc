@@ -38,13 +38,6 @@ bool TryRounds(const uint32_t& state, uint32_t tries, TryExchange tryExchange) {
   return false;
 }
 
-bool TryToAcquireSpinLock(ZelSpinLock* lock, uint32_t tries, uint64_t self) {
-  if (ReenterSpinLock(lock, self)) return true;
-  if (!TryRounds(lock->state, tries, [lock] { return TryExchangeSpinLock(lock); })) return false;
-  RecordSpinLockOwner(lock, self);
-  return true;
-}
-
 bool TryToAcquireExclusiveLock(ZelSharedExclusiveLock* lock, uint32_t tries, uint64_t self) {
   if (ReenterExclusiveLock(lock, self)) return true;
   if (!TryRounds(lock->state, tries, [lock] { return TryExchangeExclusiveLock(lock); }))
@@ -54,6 +47,13 @@ bool TryToAcquireExclusiveLock(ZelSharedExclusiveLock* lock, uint32_t tries, uin
 }
 
 }  // namespace
+
+bool TryToAcquireSpinLock(ZelSpinLock* lock, uint32_t tries, uint64_t self) {
+  if (ReenterSpinLock(lock, self)) return true;
+  if (!TryRounds(lock->state, tries, [lock] { return TryExchangeSpinLock(lock); })) return false;
+  RecordSpinLockOwner(lock, self);
+  return true;
+}
 
 void WaitForSpinLock(ZelSpinLock* lock) {
   BackOff backOff(lock->spinCount);

@@ -58,6 +58,9 @@ void WaitWhileWriterWaits(ZelSharedExclusiveLock* lock);
 void WaitForSharedState(ZelSharedExclusiveLock* lock);
 void WaitForExclusiveState(ZelSharedExclusiveLock* lock);
 
+// locks.cc: the try of zelrt/locks.h.
+bool TryToAcquireSpinLock(ZelSpinLock* lock, uint32_t tries, uint64_t self);
+
 // Spin lock
 // -----------------------------------------------------------------------------------------
 

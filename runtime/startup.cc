@@ -22,8 +22,8 @@ constinit uint32_t g_sleepScratch = 0;
 // Everything that has to be there before the runtime counts as started.
 void PrepareRuntime() {
   zelrt::StoreRelaxed(__zelNumberOfProcessors, __ZelGetNProcsInternal());
-  // The library's own log messages are registered here, last: their ids must be known once
-  // __zelRtStarted lets messages through.
+  // Their ids must be known once __zelRtStarted lets messages through.
+  __ZelRegisterInternalZELRTLogMessages();
 }
 
 }  // namespace

@@ -1,0 +1,151 @@
+// The log file: creation, reopening, closing, and the hold on it for a record.
+//
+// g_logFile changes under the creation flag only. A handle that it has held stays valid: a log file
+// that another one replaces is left open, since a record may be on its way into it.
+//
+// Locks: the creation flag, then what opening a file needs, the system allocation lock among it. So
+// who holds the system allocation lock must not wait for the flag, and does without a record.
+
+#include <time.h>
+
+#include "log/internal.h"
+#include "memory/internal.h"
+#include "runtime/ending.h"
+#include "zelrt/log.h"
+
+namespace zelrt {
+namespace {
+
+constexpr const char* kDefaultSource = "zelrt";
+constexpr const char* kDefaultPath = "zellog.log";
+constexpr int64_t kPatienceMs = 500;  // of a thread that ends the process
+
+constinit ZelXmlFile* g_logFile = nullptr;
+constinit uint32_t g_wasCreated = 0;
+constinit uint64_t g_creator = kNoOwner;  // the creation flag: who has taken it
+
+class Deadline {
+ public:
+  explicit Deadline(int64_t milliseconds) : end_(NowMs() + milliseconds) {}
+  bool HasPassed() const { return NowMs() >= end_; }
+
+ private:
+  static int64_t NowMs() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * int64_t{1000} + now.tv_nsec / 1'000'000;
+  }
+  const int64_t end_;
+};
+
+// Holds the creation flag, where that can be had.
+class CreationHold {
+ public:
+  explicit CreationHold(uint64_t self) : isHeld_(Take(self)) {}
+  ~CreationHold() {
+    if (isHeld_) StoreRelease(g_creator, kNoOwner);
+  }
+  CreationHold(const CreationHold&) = delete;
+  CreationHold& operator=(const CreationHold&) = delete;
+
+  bool IsHeld() const { return isHeld_; }
+
+ private:
+  static bool Take(uint64_t self) {
+    const bool ends = IsEndingProcess(self);
+    const Deadline deadline(ends ? kPatienceMs : 0);
+    for (;;) {
+      const uint64_t creator = AtomicCompareExchange(g_creator, self, kNoOwner);
+      if (creator == kNoOwner) return true;
+      // The creation itself has something to report.
+      if (creator == self) return false;
+      if (IsSpinLockHeldBy(&g_systemAllocationLock, self)) return false;
+      if (ends && deadline.HasPassed()) return false;
+      __ZelYield();
+    }
+  }
+
+  const bool isHeld_;
+};
+
+bool CreateLogFileHeld(const char* sourceName, const char* path, bool append, uint64_t self) {
+  ZelXmlFile* const file = __ZelXMLCreateFile(path, append ? 1 : 0);
+  if (file != nullptr && !append) {
+    const LogFileHold hold(file, self);
+    XmlPieces(file)
+        .StartTag("log")
+        .Attribute("version", [](XmlPieces& pieces) { pieces.Add("2.0"); })
+        .Attribute("source", [sourceName](XmlPieces& pieces) { pieces.Add(sourceName); })
+        .FinishTag();
+  }
+  StoreRelease(g_logFile, file);
+  if (file != nullptr) StoreRelease(g_wasCreated, 1);
+  return file != nullptr;
+}
+
+}  // namespace
+
+ZelXmlFile* CurrentLogFile() { return LoadAcquire(g_logFile); }
+bool LoggerWasCreated() { return LoadAcquire(g_wasCreated) != 0; }
+
+ZelXmlFile* LogFileForRecord(uint64_t self) {
+  ZelXmlFile* const file = CurrentLogFile();
+  if (file != nullptr) [[likely]]
+    return file;
+  if (!HasStarted()) return nullptr;
+  const CreationHold hold(self);
+  if (!hold.IsHeld()) return CurrentLogFile();
+  if (CurrentLogFile() == nullptr) CreateLogFileHeld(kDefaultSource, kDefaultPath, false, self);
+  return CurrentLogFile();
+}
+
+LogFileHold::LogFileHold(ZelXmlFile* file, uint64_t self) : file_(file) {
+  if constexpr (kDebugChecks) NoteLockWanted(&file->lock, LockRank::kLogFile);
+  if (IsEndingProcess(self)) [[unlikely]] {
+    const Deadline deadline(kPatienceMs);
+    while (!TryToAcquireSpinLock(&file->lock, 1, self)) {
+      if (deadline.HasPassed()) {
+        if constexpr (kDebugChecks) NoteLockReleased(&file->lock);
+        file_ = nullptr;
+        return;
+      }
+      __ZelYield();
+    }
+  } else {
+    AcquireSpinLock(&file->lock, self);
+  }
+  RecordXmlFileOwner(file, self);
+}
+
+LogFileHold::~LogFileHold() {
+  if (file_ == nullptr) return;
+  if constexpr (kDebugChecks) NoteLockReleased(&file_->lock);
+  __ZelXMLReleaseFile(file_);
+}
+
+}  // namespace zelrt
+
+using namespace zelrt;
+
+uint32_t __ZelCreateLogger(const char* sourceName, const char* path, uint32_t append) {
+  const uint64_t self = CallingOwner();
+  const CreationHold hold(self);
+  if (!hold.IsHeld() || sourceName == nullptr || !HasStarted() || path == nullptr) return 0;
+  return CreateLogFileHeld(sourceName, path, append != 0, self) ? 1 : 0;
+}
+
+uint32_t __ZelIsLoggerInitialized() { return CurrentLogFile() != nullptr ? 1 : 0; }
+
+uint32_t __ZelReopenLogger() {
+  ZelXmlFile* const file = CurrentLogFile();
+  if (!HasStarted() || file == nullptr) return 0;
+  const LogFileHold hold(file, CallingOwner());
+  return hold.IsHeld() ? __ZelXMLReopenFile(file) : 0;
+}
+
+void __ZelCloseLogger() {
+  ZelXmlFile* const file = CurrentLogFile();
+  if (file == nullptr) return;
+  const LogFileHold hold(file, CallingOwner());
+  if (hold.IsHeld()) __ZelXMLWriteClosingTag(file, "log");
+}

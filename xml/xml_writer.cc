@@ -1,0 +1,136 @@
+// The XML writer class.
+
+#include "zelrt/xml_writer.hpp"
+
+ZelXmlWriter::ZelXmlWriter() : tagState_(kNothingPending), file_(nullptr) {}
+
+ZelXmlWriter::~ZelXmlWriter() { closeForGood(); }
+
+bool ZelXmlWriter::create(const char* path, bool append) {
+  if (file_ != nullptr) closeForGood();
+  file_ = __ZelXMLCreateFile(path, append ? 1 : 0);
+  return file_ != nullptr;
+}
+
+void ZelXmlWriter::close() {
+  endAll();
+  __ZelXMLCloseFile(&file_);
+}
+
+void ZelXmlWriter::closeForGood() {
+  close();
+  // A handle whose close failed is only freed by another one.
+  __ZelXMLCloseFile(&file_);
+}
+
+ZelXmlWriter& ZelXmlWriter::acquire() {
+  __ZelXMLAcquireFile(file_);
+  return *this;
+}
+ZelXmlWriter& ZelXmlWriter::release() {
+  __ZelXMLReleaseFile(file_);
+  return *this;
+}
+
+ZelXmlWriter& ZelXmlWriter::startElement(const char* name, bool finishTag) {
+  std::string ownName(name);  // may throw, so before anything is written
+  autoFinishStartedTag();
+  if (finishTag) {
+    __ZelXMLWriteOpeningTag(file_, name);
+    tagState_ = kContent;
+  } else {
+    __ZelXMLStartWritingOpeningTag(file_, name);
+    tagState_ = kStarted;
+  }
+  openElements_.push_back(std::move(ownName));
+  return *this;
+}
+
+ZelXmlWriter& ZelXmlWriter::endElement() {
+  if (openElements_.empty()) return *this;
+  finishTagForContent();
+  closeInnermost();
+  return *this;
+}
+
+ZelXmlWriter& ZelXmlWriter::endAll() {
+  finishTagForContent();
+  while (!openElements_.empty()) closeInnermost();
+  return *this;
+}
+
+ZelXmlWriter& ZelXmlWriter::autoFinishStartedTag() {
+  if (tagState_ == kStarted) __ZelXMLFinishWritingOpeningTag(file_);
+  return *this;
+}
+
+ZelXmlWriter& ZelXmlWriter::finishTagForContent() {
+  autoFinishStartedTag();
+  if (tagState_ == kStarted) tagState_ = kContent;
+  return *this;
+}
+
+void ZelXmlWriter::closeInnermost() {
+  __ZelXMLWriteClosingTag(file_, openElements_.back().c_str());
+  openElements_.pop_back();
+  tagState_ = kNothingPending;
+}
+
+ZelXmlWriter& ZelXmlWriter::writeStrAttribute(const char* name, const std::string& value) {
+  __ZelXMLWriteStringAttribute(file_, name, value.c_str());
+  return *this;
+}
+ZelXmlWriter& ZelXmlWriter::writeAttribute(const char* name, int value) {
+  __ZelXMLWriteIntegerAttribute(file_, name, value);
+  return *this;
+}
+ZelXmlWriter& ZelXmlWriter::writeAttribute(const char* name, unsigned long long value) {
+  __ZelXMLWriteLongIntegerAttribute(file_, name, value);
+  return *this;
+}
+ZelXmlWriter& ZelXmlWriter::writeAttribute(const char* name, const void* value) {
+  __ZelXMLWriteHexadecimalAddressAttribute(file_, name, reinterpret_cast<uint64_t>(value));
+  return *this;
+}
+
+ZelXmlWriter& ZelXmlWriter::write(const std::string& text) {
+  finishTagForContent();
+  __ZelXMLWriteStringValue(file_, text.c_str());
+  return *this;
+}
+ZelXmlWriter& ZelXmlWriter::write(int value) {
+  finishTagForContent();
+  __ZelXMLWriteIntValue(file_, value);
+  return *this;
+}
+
+ZelXmlWriter& ZelXmlWriter::writeStrElement(const char* name, const std::string& value) {
+  autoFinishStartedTag();
+  __ZelXMLWriteStringElement(file_, name, value.c_str());
+  tagState_ = kNothingPending;
+  return *this;
+}
+ZelXmlWriter& ZelXmlWriter::writeElement(const char* name, unsigned long long value) {
+  autoFinishStartedTag();
+  __ZelXMLWriteLongDecimalElement(file_, name, value);
+  tagState_ = kNothingPending;
+  return *this;
+}
+ZelXmlWriter& ZelXmlWriter::writeElement(const char* name, unsigned long value) {
+  return writeElement(name, static_cast<unsigned long long>(value));
+}
+ZelXmlWriter& ZelXmlWriter::writeElement(const char* name, unsigned int value) {
+  return writeElement(name, static_cast<unsigned long long>(value));
+}
+ZelXmlWriter& ZelXmlWriter::writeElement(const char* name, int value) {
+  return writeElement(name, static_cast<unsigned long long>(static_cast<long long>(value)));
+}
+ZelXmlWriter& ZelXmlWriter::writeAddressElement(const char* name, unsigned long value) {
+  autoFinishStartedTag();
+  __ZelXMLWriteHexadecimalAddressElement(file_, name, value);
+  tagState_ = kNothingPending;
+  return *this;
+}
+ZelXmlWriter& ZelXmlWriter::writeAddressElement(const char* name, const void* value) {
+  return writeAddressElement(name, reinterpret_cast<unsigned long>(value));
+}
