@@ -9,7 +9,11 @@
 //
 // While no thread holds the bucket's lock:
 //   - a page is in its bucket's list exactly when it has a slot to give;
-//   - freeCount is the length of the page's free list; all other slots are in use.
+//   - of a page's first usedSlots slots, each is either in use or on the free list; those behind
+//   are
+//     free too, follow the list in ascending order, and are not written before they are given out,
+//     so that a page takes up real memory as it fills;
+//   - freeCount counts both kinds of free slots.
 // A page that falls empty stays listed when it is its bucket's only one. Two empty pages can be
 // listed for a moment, when a full page is relisted in front of the retained one.
 //
@@ -51,12 +55,10 @@ uint64_t* NextFree(uint64_t header) { return reinterpret_cast<uint64_t*>(header 
 
 // Null only when there is no system allocator any more and none can be made.
 ZelSizeClassBucket* BucketFor(uint32_t category, uint32_t units) {
-  ZelSizeClassBucket* buckets = LoadAcquire(g_categoryBuckets[category]);
-  if (buckets == nullptr) [[unlikely]] {
-    buckets = PrepareCategory(category);
-    if (buckets == nullptr) return nullptr;
-  }
-  return buckets + (units - 1);
+  ZelSizeClassBucket* const bucket = FindBucket(category, units);
+  if (bucket == nullptr) [[unlikely]]
+    return PrepareBucket(category, units);
+  return bucket;
 }
 
 void LinkPageLocked(ZelSizeClassBucket* bucket, ZelAllocatorPage* page) {
@@ -71,40 +73,41 @@ void UnlinkPageLocked(ZelSizeClassBucket* bucket, ZelAllocatorPage* page) {
   if (page->next != nullptr) page->next->previous = page->previous;
 }
 
-[[gnu::always_inline]] inline void* TakeSlotLocked(ZelSizeClassBucket* bucket, ZelAllocatorPage* page) {
-  uint64_t* const slot = page->freeList;
-  page->freeList = NextFree(LoadRelaxed(*slot));
+uint64_t* FirstSlot(const ZelAllocatorPage* page) {
+  return reinterpret_cast<uint64_t*>(reinterpret_cast<uintptr_t>(page) + kPageHeaderUnits * kUnit);
+}
+size_t WordsPerSlot(const ZelAllocatorPage* page) {
+  return size_t{page->units} * (kUnit / sizeof(uint64_t));
+}
+
+[[gnu::always_inline]] inline void* TakeSlotLocked(ZelSizeClassBucket* bucket,
+                                                   ZelAllocatorPage* page) {
+  uint64_t* slot = page->freeList;
+  if (slot != nullptr) {
+    page->freeList = NextFree(LoadRelaxed(*slot));
+  } else {
+    slot = FirstSlot(page) + page->usedSlots++ * WordsPerSlot(page);
+  }
   StoreRelaxed(*slot, reinterpret_cast<uint64_t>(page));
   if (--page->freeCount == 0) [[unlikely]]
     UnlinkPageLocked(bucket, page);
   return BlockOf(slot);
 }
 
-uint64_t* FirstSlot(const ZelAllocatorPage* page) {
-  return reinterpret_cast<uint64_t*>(reinterpret_cast<uintptr_t>(page) + kPageHeaderUnits * kUnit);
-}
-
-// Makes a page of the memory: every slot free, in ascending order.
+// Makes a page of the memory, of which only the header is written.
 ZelAllocatorPage* FormatPage(void* memory, uint32_t category, uint32_t units, uint32_t sizeShift) {
   auto* const page = static_cast<ZelAllocatorPage*>(memory);
   const uint32_t capacity = SlotsPerPage(PageSize(sizeShift), units);
   *page = {.next = nullptr,
            .previous = nullptr,
-           .freeList = FirstSlot(page),
+           .freeList = nullptr,
            .freeCount = capacity,
            .units = units,
            .capacity = capacity,
            .magic = kPageMagic,
            .category = static_cast<uint8_t>(category),
-           .sizeShift = static_cast<uint8_t>(sizeShift)};
-  const size_t wordsPerSlot = size_t{units} * (kUnit / sizeof(uint64_t));
-  uint64_t* slot = page->freeList;
-  for (uint32_t left = capacity - 1; left > 0; --left) {
-    uint64_t* const next = slot + wordsPerSlot;
-    *slot = FreeHeader(next);
-    slot = next;
-  }
-  *slot = FreeHeader(nullptr);
+           .sizeShift = static_cast<uint8_t>(sizeShift),
+           .usedSlots = 0};
   return page;
 }
 
@@ -114,7 +117,6 @@ ZelAllocatorPage* FormatPage(void* memory, uint32_t category, uint32_t units, ui
   void* const memory = RequestBackingMemory(pageSize - kPageSlack, self);
   if (memory == nullptr) return nullptr;
   if (StatisticsAreOn()) CountPageObtained(category, pageSize, self);
-  // Nobody knows the page yet, so it is formatted without the lock.
   ZelAllocatorPage* const page = FormatPage(memory, category, bucket->units, sizeShift);
 
   const BucketGuard guard(&bucket->lock, self);
@@ -222,31 +224,31 @@ bool PageIsConsistent(const ZelAllocatorPage* page) {
   if (page->magic != kPageMagic || page->category >= kMaxCategories ||
       page->sizeShift > kMaxSizeShift || page->units == 0 || page->units > kMaxUnits ||
       page->capacity != SlotsPerPage(PageSize(page->sizeShift), page->units) ||
-      page->freeCount > page->capacity)
+      page->freeCount > page->capacity || page->usedSlots > page->capacity)
     return false;
-  const size_t wordsPerSlot = size_t{page->units} * (kUnit / sizeof(uint64_t));
+  const size_t wordsPerSlot = WordsPerSlot(page);
   const uint64_t* const first = FirstSlot(page);
-  uint32_t free = 0;
+  uint32_t listed = 0;
   for (const uint64_t* slot = page->freeList; slot != nullptr;
        slot = NextFree(LoadRelaxed(*slot))) {
-    const size_t offset = static_cast<size_t>(slot - first);
+    const auto offset = static_cast<size_t>(slot - first);
     const bool isSlot =
-        slot >= first && offset % wordsPerSlot == 0 && offset / wordsPerSlot < page->capacity;
-    if (!isSlot || ++free > page->freeCount || (LoadRelaxed(*slot) & kFreeMark) == 0) return false;
+        slot >= first && offset % wordsPerSlot == 0 && offset / wordsPerSlot < page->usedSlots;
+    if (!isSlot || ++listed > page->usedSlots || (LoadRelaxed(*slot) & kFreeMark) == 0)
+      return false;
   }
-  if (free != page->freeCount) return false;
-  uint32_t used = 0;
-  for (uint32_t i = 0; i < page->capacity; ++i) {
-    if (LoadRelaxed(first[i * wordsPerSlot]) == reinterpret_cast<uint64_t>(page)) ++used;
+  uint32_t inUse = 0;
+  for (uint32_t i = 0; i < page->usedSlots; ++i) {
+    if (LoadRelaxed(first[i * wordsPerSlot]) == reinterpret_cast<uint64_t>(page)) ++inUse;
   }
-  return used + free == page->capacity;
+  return inUse + listed == page->usedSlots && inUse + page->freeCount == page->capacity;
 }
 
 bool BucketIsConsistent(const ZelSizeClassBucket* bucket) {
   const ZelAllocatorPage* previous = nullptr;
   for (const ZelAllocatorPage* page = bucket->pages; page != nullptr; page = page->next) {
     if (page->previous != previous || page->magic != kPageMagic || page->units != bucket->units ||
-        page->freeCount == 0 || page->freeList == nullptr)
+        page->freeCount == 0)
       return false;
     previous = page;
   }
