@@ -128,35 +128,58 @@ ZelAllocatorPage* FormatPage(void* memory, uint32_t category, uint32_t units, ui
   return block;
 }
 
-// Everything but a well-formed request for a small block.
-[[gnu::noinline]] void* AllocateLargeOrRefuse(uint32_t category, size_t size, uint32_t sizeShift) {
-  if (category >= kMaxCategories)
-    __ZelLogFatalToolDefect("Invalid memory category %u in an allocation of %zu bytes", category,
-                            size);
-  if (size <= kMaxSmallSize)
-    __ZelLogFatalToolDefect("Invalid size shift %u in an allocation of %zu bytes", sizeShift, size);
-  auto* const header = static_cast<uint64_t*>(
-      RequestBackingMemory(SaturatingSum(size, kHeaderSize), CallingOwner()));
-  if (header == nullptr) return nullptr;
+void* AllocateLarge(size_t size, uint64_t self) {
+  void* const memory = RequestBackingMemory(SaturatingSum(size, kHeaderSize), self);
+  if (memory == nullptr) return nullptr;
+  auto* const header = static_cast<uint64_t*>(memory);
   *header = kLargeBlock;
   return BlockOf(header);
 }
 
-inline void* Allocate(uint32_t category, size_t size, uint32_t sizeShift) {
+bool IsSmallRequest(uint32_t category, size_t size, uint32_t sizeShift) {
   const bool badNumbers = (category >> kCategoryBits | sizeShift >> kSizeShiftBits) != 0;
-  if (badNumbers || size > kMaxSmallSize) [[unlikely]]
-    return AllocateLargeOrRefuse(category, size, sizeShift);
-  ZelSizeClassBucket* const bucket = BucketFor(category, UnitsFor(size));
-  if (bucket == nullptr) [[unlikely]]
-    return nullptr;
-  const uint64_t self = CallingOwner();
-  BucketGuard guard(&bucket->lock, self);
+  return !badNumbers && size <= kMaxSmallSize;
+}
+
+// Takes a slot with the bucket's lock held, and gives the lock back.
+[[gnu::always_inline]] inline void* TakeSlot(BucketGuard& guard, ZelSizeClassBucket* bucket,
+                                             uint32_t category, uint32_t sizeShift, uint64_t self) {
   ZelAllocatorPage* const page = bucket->pages;
   if (page == nullptr) [[unlikely]] {
     guard.Release();
     return AllocateFromNewPage(bucket, category, sizeShift, self);
   }
   return TakeSlotLocked(bucket, page);
+}
+
+// What Allocate leaves: everything but a small request whose bucket is there and free.
+[[gnu::noinline]] void* AllocateSlowly(uint32_t category, size_t size, uint32_t sizeShift,
+                                       uint64_t self) {
+  if (category >= kMaxCategories)
+    __ZelLogFatalToolDefect("Invalid memory category %u in an allocation of %zu bytes", category,
+                            size);
+  if (size > kMaxSmallSize) return AllocateLarge(size, self);
+  if (sizeShift > kMaxSizeShift)
+    __ZelLogFatalToolDefect("Invalid size shift %u in an allocation of %zu bytes", sizeShift, size);
+  ZelSizeClassBucket* const bucket = BucketFor(category, UnitsFor(size));
+  if (bucket == nullptr) return nullptr;
+  BucketGuard guard(&bucket->lock, self);
+  return TakeSlot(guard, bucket, category, sizeShift, self);
+}
+
+// Out of line and without a call that returns here, so that no register is saved: to restore one
+// would wait for the lock's last instruction, and the caller for it.
+[[gnu::noinline]] void* Allocate(uint32_t category, size_t size, uint32_t sizeShift,
+                                 uint64_t self) {
+  if (!IsSmallRequest(category, size, sizeShift)) [[unlikely]]
+    return AllocateSlowly(category, size, sizeShift, self);
+  ZelSizeClassBucket* const bucket = FindBucket(category, UnitsFor(size));
+  if (bucket == nullptr) [[unlikely]]
+    return AllocateSlowly(category, size, sizeShift, self);
+  BucketGuard guard(AtOnce(), &bucket->lock, self);
+  if (!guard.IsHeld()) [[unlikely]]
+    return AllocateSlowly(category, size, sizeShift, self);
+  return TakeSlot(guard, bucket, category, sizeShift, self);
 }
 
 void LogDoubleFree() {
@@ -172,9 +195,10 @@ void LogDoubleFree() {
   if (system != nullptr) system->release(header);
 }
 
-// The page has gone from full to one free slot, or has fallen empty.
-[[gnu::noinline]] void RelistOrReleasePageLocked(ZelSizeClassBucket* bucket, ZelAllocatorPage* page,
-                                                 uint64_t self) {
+// The page has gone from full to one free slot, or has fallen empty. Gives the lock back.
+[[gnu::noinline]] void RelistOrReleasePage(ZelSizeClassBucket* bucket, ZelAllocatorPage* page,
+                                           uint64_t self) {
+  const BucketGuard guard(Adopt(), &bucket->lock);
   ZEL_ASSERT(PageIsConsistent(page) && BucketIsConsistent(bucket));
   if (page->freeCount < page->capacity) {
     LinkPageLocked(bucket, page);
@@ -187,21 +211,11 @@ void LogDoubleFree() {
   SystemAllocator()->release(page);
 }
 
-inline void Free(void* block) {
-  if (block == nullptr) [[unlikely]]
-    return;
-  uint64_t* const header = HeaderOf(block);
-  const uint64_t word = LoadRelaxed(*header);
-  if ((word & kFreeMark) != 0) [[unlikely]]
-    return FreeLargeOrRefuse(header, word);
-
-  auto* const page = reinterpret_cast<ZelAllocatorPage*>(word);
-  ZelSizeClassBucket* const bucket = BucketFor(page->category, page->units);
-  if (bucket == nullptr) [[unlikely]]
-    return;
-  const uint64_t self = CallingOwner();
-  BucketGuard guard(&bucket->lock, self);
-  if (LoadRelaxed(*header) != word) [[unlikely]] {
+// Frees a slot with the bucket's lock held, and gives the lock back.
+[[gnu::always_inline]] inline void FreeSlot(BucketGuard& guard, ZelSizeClassBucket* bucket,
+                                            ZelAllocatorPage* page, uint64_t* header,
+                                            uint64_t self) {
+  if (LoadRelaxed(*header) != reinterpret_cast<uint64_t>(page)) [[unlikely]] {
     // Another thread has freed the block since it was looked at.
     guard.Release();
     return LogDoubleFree();
@@ -209,13 +223,38 @@ inline void Free(void* block) {
   StoreRelaxed(*header, FreeHeader(page->freeList));
   page->freeList = header;
   const uint32_t freeCount = ++page->freeCount;
-  if (freeCount == 1) [[unlikely]] {
-    RelistOrReleasePageLocked(bucket, page, self);
-  } else if (freeCount == page->capacity) {
+  bool listChanges = freeCount == 1;
+  if (freeCount == page->capacity) {
     // A bucket keeps its last page: a class that swings between no block and one asks for none.
-    const bool isOnlyPage = bucket->pages == page && page->next == nullptr;
-    if (!isOnlyPage) RelistOrReleasePageLocked(bucket, page, self);
+    listChanges = bucket->pages != page || page->next != nullptr;
   }
+  if (listChanges) [[unlikely]] {
+    guard.Leave();
+    RelistOrReleasePage(bucket, page, self);
+  }
+}
+
+// What Free leaves: a block in use whose bucket is busy, or gone with an earlier allocator.
+[[gnu::noinline]] void FreeSlowly(ZelAllocatorPage* page, uint64_t* header, uint64_t self) {
+  ZelSizeClassBucket* const bucket = BucketFor(page->category, page->units);
+  if (bucket == nullptr) return;
+  BucketGuard guard(&bucket->lock, self);
+  FreeSlot(guard, bucket, page, header, self);
+}
+
+// Out of line for the same reason as Allocate.
+[[gnu::noinline]] void Free(uint64_t* header, uint64_t self) {
+  const uint64_t word = LoadRelaxed(*header);
+  if ((word & kFreeMark) != 0) [[unlikely]]
+    return FreeLargeOrRefuse(header, word);
+  auto* const page = reinterpret_cast<ZelAllocatorPage*>(word);
+  ZelSizeClassBucket* const bucket = FindBucket(page->category, page->units);
+  if (bucket == nullptr) [[unlikely]]
+    return FreeSlowly(page, header, self);
+  BucketGuard guard(AtOnce(), &bucket->lock, self);
+  if (!guard.IsHeld()) [[unlikely]]
+    return FreeSlowly(page, header, self);
+  FreeSlot(guard, bucket, page, header, self);
 }
 
 }  // namespace
@@ -260,9 +299,11 @@ bool BucketIsConsistent(const ZelSizeClassBucket* bucket) {
 using namespace zelrt;
 
 void* __ZelMalloc(unsigned int category, size_t size, unsigned int sizeShift) {
-  return Allocate(category, size, sizeShift);
+  return Allocate(category, size, sizeShift, CallingOwner());
 }
-void __ZelFree(void* block) { Free(block); }
+void __ZelFree(void* block) {
+  if (block != nullptr) Free(HeaderOf(block), CallingOwner());
+}
 
 void* __ZelMallocInternal(size_t size) { return std::malloc(size); }
 void __ZelFreeInternal(void* block) { std::free(block); }
