@@ -9,7 +9,11 @@
 //
 // While no thread holds the bucket's lock:
 //   - a page is in its bucket's list exactly when it has a slot to give;
-//   - freeCount is the length of the page's free list; all other slots are in use.
+//   - of a page's first usedSlots slots, each is either in use or on the free list; those behind
+//   are
+//     free too, follow the list in ascending order, and are not written before they are given out,
+//     so that a page takes up real memory as it fills;
+//   - freeCount counts both kinds of free slots.
 // A page that falls empty stays listed when it is its bucket's only one. Two empty pages can be
 // listed for a moment, when a full page is relisted in front of the retained one.
 //
@@ -51,12 +55,10 @@ uint64_t* NextFree(uint64_t header) { return reinterpret_cast<uint64_t*>(header 
 
 // Null only when there is no system allocator any more and none can be made.
 ZelSizeClassBucket* BucketFor(uint32_t category, uint32_t units) {
-  ZelSizeClassBucket* buckets = LoadAcquire(g_categoryBuckets[category]);
-  if (buckets == nullptr) [[unlikely]] {
-    buckets = PrepareCategory(category);
-    if (buckets == nullptr) return nullptr;
-  }
-  return buckets + (units - 1);
+  ZelSizeClassBucket* const bucket = FindBucket(category, units);
+  if (bucket == nullptr) [[unlikely]]
+    return PrepareBucket(category, units);
+  return bucket;
 }
 
 void LinkPageLocked(ZelSizeClassBucket* bucket, ZelAllocatorPage* page) {
@@ -71,41 +73,41 @@ void UnlinkPageLocked(ZelSizeClassBucket* bucket, ZelAllocatorPage* page) {
   if (page->next != nullptr) page->next->previous = page->previous;
 }
 
+uint64_t* FirstSlot(const ZelAllocatorPage* page) {
+  return reinterpret_cast<uint64_t*>(reinterpret_cast<uintptr_t>(page) + kPageHeaderUnits * kUnit);
+}
+size_t WordsPerSlot(const ZelAllocatorPage* page) {
+  return size_t{page->units} * (kUnit / sizeof(uint64_t));
+}
+
 [[gnu::always_inline]] inline void* TakeSlotLocked(ZelSizeClassBucket* bucket,
                                                    ZelAllocatorPage* page) {
-  uint64_t* const slot = page->freeList;
-  page->freeList = NextFree(LoadRelaxed(*slot));
+  uint64_t* slot = page->freeList;
+  if (slot != nullptr) {
+    page->freeList = NextFree(LoadRelaxed(*slot));
+  } else {
+    slot = FirstSlot(page) + page->usedSlots++ * WordsPerSlot(page);
+  }
   StoreRelaxed(*slot, reinterpret_cast<uint64_t>(page));
   if (--page->freeCount == 0) [[unlikely]]
     UnlinkPageLocked(bucket, page);
   return BlockOf(slot);
 }
 
-uint64_t* FirstSlot(const ZelAllocatorPage* page) {
-  return reinterpret_cast<uint64_t*>(reinterpret_cast<uintptr_t>(page) + kPageHeaderUnits * kUnit);
-}
-
-// Makes a page of the memory: every slot free, in ascending order.
+// Makes a page of the memory, of which only the header is written.
 ZelAllocatorPage* FormatPage(void* memory, uint32_t category, uint32_t units, uint32_t sizeShift) {
   auto* const page = static_cast<ZelAllocatorPage*>(memory);
   const uint32_t capacity = SlotsPerPage(PageSize(sizeShift), units);
   *page = {.next = nullptr,
            .previous = nullptr,
-           .freeList = FirstSlot(page),
+           .freeList = nullptr,
            .freeCount = capacity,
            .units = units,
            .capacity = capacity,
            .magic = kPageMagic,
            .category = static_cast<uint8_t>(category),
-           .sizeShift = static_cast<uint8_t>(sizeShift)};
-  const size_t wordsPerSlot = size_t{units} * (kUnit / sizeof(uint64_t));
-  uint64_t* slot = page->freeList;
-  for (uint32_t left = capacity - 1; left > 0; --left) {
-    uint64_t* const next = slot + wordsPerSlot;
-    *slot = FreeHeader(next);
-    slot = next;
-  }
-  *slot = FreeHeader(nullptr);
+           .sizeShift = static_cast<uint8_t>(sizeShift),
+           .usedSlots = 0};
   return page;
 }
 
@@ -115,7 +117,6 @@ ZelAllocatorPage* FormatPage(void* memory, uint32_t category, uint32_t units, ui
   void* const memory = RequestBackingMemory(pageSize - kPageSlack, self);
   if (memory == nullptr) return nullptr;
   if (StatisticsAreOn()) CountPageObtained(category, pageSize, self);
-  // Nobody knows the page yet, so it is formatted without the lock.
   ZelAllocatorPage* const page = FormatPage(memory, category, bucket->units, sizeShift);
 
   const BucketGuard guard(&bucket->lock, self);
@@ -127,35 +128,58 @@ ZelAllocatorPage* FormatPage(void* memory, uint32_t category, uint32_t units, ui
   return block;
 }
 
-// Everything but a well-formed request for a small block.
-[[gnu::noinline]] void* AllocateLargeOrRefuse(uint32_t category, size_t size, uint32_t sizeShift) {
-  if (category >= kMaxCategories)
-    __ZelLogFatalToolDefect("Invalid memory category %u in an allocation of %zu bytes", category,
-                            size);
-  if (size <= kMaxSmallSize)
-    __ZelLogFatalToolDefect("Invalid size shift %u in an allocation of %zu bytes", sizeShift, size);
-  auto* const header = static_cast<uint64_t*>(
-      RequestBackingMemory(SaturatingSum(size, kHeaderSize), CallingOwner()));
-  if (header == nullptr) return nullptr;
+void* AllocateLarge(size_t size, uint64_t self) {
+  void* const memory = RequestBackingMemory(SaturatingSum(size, kHeaderSize), self);
+  if (memory == nullptr) return nullptr;
+  auto* const header = static_cast<uint64_t*>(memory);
   *header = kLargeBlock;
   return BlockOf(header);
 }
 
-inline void* Allocate(uint32_t category, size_t size, uint32_t sizeShift) {
+bool IsSmallRequest(uint32_t category, size_t size, uint32_t sizeShift) {
   const bool badNumbers = (category >> kCategoryBits | sizeShift >> kSizeShiftBits) != 0;
-  if (badNumbers || size > kMaxSmallSize) [[unlikely]]
-    return AllocateLargeOrRefuse(category, size, sizeShift);
-  ZelSizeClassBucket* const bucket = BucketFor(category, UnitsFor(size));
-  if (bucket == nullptr) [[unlikely]]
-    return nullptr;
-  const uint64_t self = CallingOwner();
-  BucketGuard guard(&bucket->lock, self);
+  return !badNumbers && size <= kMaxSmallSize;
+}
+
+// Takes a slot with the bucket's lock held, and gives the lock back.
+[[gnu::always_inline]] inline void* TakeSlot(BucketGuard& guard, ZelSizeClassBucket* bucket,
+                                             uint32_t category, uint32_t sizeShift, uint64_t self) {
   ZelAllocatorPage* const page = bucket->pages;
   if (page == nullptr) [[unlikely]] {
     guard.Release();
     return AllocateFromNewPage(bucket, category, sizeShift, self);
   }
   return TakeSlotLocked(bucket, page);
+}
+
+// What Allocate leaves: everything but a small request whose bucket is there and free.
+[[gnu::noinline]] void* AllocateSlowly(uint32_t category, size_t size, uint32_t sizeShift,
+                                       uint64_t self) {
+  if (category >= kMaxCategories)
+    __ZelLogFatalToolDefect("Invalid memory category %u in an allocation of %zu bytes", category,
+                            size);
+  if (size > kMaxSmallSize) return AllocateLarge(size, self);
+  if (sizeShift > kMaxSizeShift)
+    __ZelLogFatalToolDefect("Invalid size shift %u in an allocation of %zu bytes", sizeShift, size);
+  ZelSizeClassBucket* const bucket = BucketFor(category, UnitsFor(size));
+  if (bucket == nullptr) return nullptr;
+  BucketGuard guard(&bucket->lock, self);
+  return TakeSlot(guard, bucket, category, sizeShift, self);
+}
+
+// Out of line and without a call that returns here, so that no register is saved: to restore one
+// would wait for the lock's last instruction, and the caller for it.
+[[gnu::noinline]] void* Allocate(uint32_t category, size_t size, uint32_t sizeShift,
+                                 uint64_t self) {
+  if (!IsSmallRequest(category, size, sizeShift)) [[unlikely]]
+    return AllocateSlowly(category, size, sizeShift, self);
+  ZelSizeClassBucket* const bucket = FindBucket(category, UnitsFor(size));
+  if (bucket == nullptr) [[unlikely]]
+    return AllocateSlowly(category, size, sizeShift, self);
+  BucketGuard guard(AtOnce(), &bucket->lock, self);
+  if (!guard.IsHeld()) [[unlikely]]
+    return AllocateSlowly(category, size, sizeShift, self);
+  return TakeSlot(guard, bucket, category, sizeShift, self);
 }
 
 void LogDoubleFree() {
@@ -171,9 +195,10 @@ void LogDoubleFree() {
   if (system != nullptr) system->release(header);
 }
 
-// The page has gone from full to one free slot, or has fallen empty.
-[[gnu::noinline]] void RelistOrReleasePageLocked(ZelSizeClassBucket* bucket, ZelAllocatorPage* page,
-                                                 uint64_t self) {
+// The page has gone from full to one free slot, or has fallen empty. Gives the lock back.
+[[gnu::noinline]] void RelistOrReleasePage(ZelSizeClassBucket* bucket, ZelAllocatorPage* page,
+                                           uint64_t self) {
+  const BucketGuard guard(Adopt(), &bucket->lock);
   ZEL_ASSERT(PageIsConsistent(page) && BucketIsConsistent(bucket));
   if (page->freeCount < page->capacity) {
     LinkPageLocked(bucket, page);
@@ -186,21 +211,11 @@ void LogDoubleFree() {
   SystemAllocator()->release(page);
 }
 
-inline void Free(void* block) {
-  if (block == nullptr) [[unlikely]]
-    return;
-  uint64_t* const header = HeaderOf(block);
-  const uint64_t word = LoadRelaxed(*header);
-  if ((word & kFreeMark) != 0) [[unlikely]]
-    return FreeLargeOrRefuse(header, word);
-
-  auto* const page = reinterpret_cast<ZelAllocatorPage*>(word);
-  ZelSizeClassBucket* const bucket = BucketFor(page->category, page->units);
-  if (bucket == nullptr) [[unlikely]]
-    return;
-  const uint64_t self = CallingOwner();
-  BucketGuard guard(&bucket->lock, self);
-  if (LoadRelaxed(*header) != word) [[unlikely]] {
+// Frees a slot with the bucket's lock held, and gives the lock back.
+[[gnu::always_inline]] inline void FreeSlot(BucketGuard& guard, ZelSizeClassBucket* bucket,
+                                            ZelAllocatorPage* page, uint64_t* header,
+                                            uint64_t self) {
+  if (LoadRelaxed(*header) != reinterpret_cast<uint64_t>(page)) [[unlikely]] {
     // Another thread has freed the block since it was looked at.
     guard.Release();
     return LogDoubleFree();
@@ -208,13 +223,38 @@ inline void Free(void* block) {
   StoreRelaxed(*header, FreeHeader(page->freeList));
   page->freeList = header;
   const uint32_t freeCount = ++page->freeCount;
-  if (freeCount == 1) [[unlikely]] {
-    RelistOrReleasePageLocked(bucket, page, self);
-  } else if (freeCount == page->capacity) {
+  bool listChanges = freeCount == 1;
+  if (freeCount == page->capacity) {
     // A bucket keeps its last page: a class that swings between no block and one asks for none.
-    const bool isOnlyPage = bucket->pages == page && page->next == nullptr;
-    if (!isOnlyPage) RelistOrReleasePageLocked(bucket, page, self);
+    listChanges = bucket->pages != page || page->next != nullptr;
   }
+  if (listChanges) [[unlikely]] {
+    guard.Leave();
+    RelistOrReleasePage(bucket, page, self);
+  }
+}
+
+// What Free leaves: a block in use whose bucket is busy, or gone with an earlier allocator.
+[[gnu::noinline]] void FreeSlowly(ZelAllocatorPage* page, uint64_t* header, uint64_t self) {
+  ZelSizeClassBucket* const bucket = BucketFor(page->category, page->units);
+  if (bucket == nullptr) return;
+  BucketGuard guard(&bucket->lock, self);
+  FreeSlot(guard, bucket, page, header, self);
+}
+
+// Out of line for the same reason as Allocate.
+[[gnu::noinline]] void Free(uint64_t* header, uint64_t self) {
+  const uint64_t word = LoadRelaxed(*header);
+  if ((word & kFreeMark) != 0) [[unlikely]]
+    return FreeLargeOrRefuse(header, word);
+  auto* const page = reinterpret_cast<ZelAllocatorPage*>(word);
+  ZelSizeClassBucket* const bucket = FindBucket(page->category, page->units);
+  if (bucket == nullptr) [[unlikely]]
+    return FreeSlowly(page, header, self);
+  BucketGuard guard(AtOnce(), &bucket->lock, self);
+  if (!guard.IsHeld()) [[unlikely]]
+    return FreeSlowly(page, header, self);
+  FreeSlot(guard, bucket, page, header, self);
 }
 
 }  // namespace
@@ -223,31 +263,31 @@ bool PageIsConsistent(const ZelAllocatorPage* page) {
   if (page->magic != kPageMagic || page->category >= kMaxCategories ||
       page->sizeShift > kMaxSizeShift || page->units == 0 || page->units > kMaxUnits ||
       page->capacity != SlotsPerPage(PageSize(page->sizeShift), page->units) ||
-      page->freeCount > page->capacity)
+      page->freeCount > page->capacity || page->usedSlots > page->capacity)
     return false;
-  const size_t wordsPerSlot = size_t{page->units} * (kUnit / sizeof(uint64_t));
+  const size_t wordsPerSlot = WordsPerSlot(page);
   const uint64_t* const first = FirstSlot(page);
-  uint32_t free = 0;
+  uint32_t listed = 0;
   for (const uint64_t* slot = page->freeList; slot != nullptr;
        slot = NextFree(LoadRelaxed(*slot))) {
-    const size_t offset = static_cast<size_t>(slot - first);
+    const auto offset = static_cast<size_t>(slot - first);
     const bool isSlot =
-        slot >= first && offset % wordsPerSlot == 0 && offset / wordsPerSlot < page->capacity;
-    if (!isSlot || ++free > page->freeCount || (LoadRelaxed(*slot) & kFreeMark) == 0) return false;
+        slot >= first && offset % wordsPerSlot == 0 && offset / wordsPerSlot < page->usedSlots;
+    if (!isSlot || ++listed > page->usedSlots || (LoadRelaxed(*slot) & kFreeMark) == 0)
+      return false;
   }
-  if (free != page->freeCount) return false;
-  uint32_t used = 0;
-  for (uint32_t i = 0; i < page->capacity; ++i) {
-    if (LoadRelaxed(first[i * wordsPerSlot]) == reinterpret_cast<uint64_t>(page)) ++used;
+  uint32_t inUse = 0;
+  for (uint32_t i = 0; i < page->usedSlots; ++i) {
+    if (LoadRelaxed(first[i * wordsPerSlot]) == reinterpret_cast<uint64_t>(page)) ++inUse;
   }
-  return used + free == page->capacity;
+  return inUse + listed == page->usedSlots && inUse + page->freeCount == page->capacity;
 }
 
 bool BucketIsConsistent(const ZelSizeClassBucket* bucket) {
   const ZelAllocatorPage* previous = nullptr;
   for (const ZelAllocatorPage* page = bucket->pages; page != nullptr; page = page->next) {
     if (page->previous != previous || page->magic != kPageMagic || page->units != bucket->units ||
-        page->freeCount == 0 || page->freeList == nullptr)
+        page->freeCount == 0)
       return false;
     previous = page;
   }
@@ -259,9 +299,11 @@ bool BucketIsConsistent(const ZelSizeClassBucket* bucket) {
 using namespace zelrt;
 
 void* __ZelMalloc(unsigned int category, size_t size, unsigned int sizeShift) {
-  return Allocate(category, size, sizeShift);
+  return Allocate(category, size, sizeShift, CallingOwner());
 }
-void __ZelFree(void* block) { Free(block); }
+void __ZelFree(void* block) {
+  if (block != nullptr) Free(HeaderOf(block), CallingOwner());
+}
 
 void* __ZelMallocInternal(size_t size) { return std::malloc(size); }
 void __ZelFreeInternal(void* block) { std::free(block); }

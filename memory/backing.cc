@@ -1,8 +1,9 @@
 // The backing pair and the system allocator record that is made of it.
 //
-// One spin flag serialises the making of the record and of each category's buckets. Readers do not
-// take it: they see the record, and a category's buckets, once they are complete.
+// One spin flag serialises the making of the record and the setting up of buckets. Readers do not
+// take it: they see the record, and a bucket, once it is complete.
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "memory/internal.h"
@@ -13,7 +14,7 @@
 namespace zelrt {
 
 constinit ZelSpinLock g_systemAllocationLock = {};
-constinit ZelSizeClassBucket* g_categoryBuckets[kMaxCategories] = {};
+constinit ZelSizeClassBucket* g_bucketRuns[kMaxCategories][kRunsPerCategory] = {};
 
 namespace {
 
@@ -53,20 +54,22 @@ ZelSystemAllocator* SystemAllocator() {
   return LoadAcquire(g_systemAllocator);
 }
 
-ZelSizeClassBucket* PrepareCategory(uint32_t category) {
+ZelSizeClassBucket* PrepareBucket(uint32_t category, uint32_t units) {
   const ZelSystemAllocator* const system = SystemAllocator();
   if (system == nullptr) return nullptr;
+  ZelSizeClassBucket* const buckets = system->buckets + size_t{category} * kMaxUnits;
+  const uint32_t run = (units - 1) >> kRunBits;
   const SpinFlagGuard guard(g_makingFlag);
-  if (g_categoryBuckets[category] == nullptr) {
-    // Done for one category at a time, since to write the whole table costs more than most
-    // processes ever use of it.
-    ZelSizeClassBucket* const buckets = system->buckets + size_t{category} * kMaxUnits;
-    for (uint32_t i = 0; i < kMaxUnits; ++i) {
+  if (g_bucketRuns[category][run] == nullptr) {
+    // A run at a time, since to write the whole table costs more than most processes ever use of
+    // it.
+    const uint32_t end = std::min((run + 1) << kRunBits, kMaxUnits);
+    for (uint32_t i = run << kRunBits; i < end; ++i) {
       buckets[i] = {.lock = {}, .pages = nullptr, .units = i + 1};
     }
-    StoreRelease(g_categoryBuckets[category], buckets);
+    StoreRelease(g_bucketRuns[category][run], buckets);
   }
-  return g_categoryBuckets[category];
+  return buckets + (units - 1);
 }
 
 }  // namespace zelrt
@@ -86,6 +89,8 @@ void __ZelDeinitializeSubAllocator() {
   // The reserve came from the pair that goes now; a later one must not be asked to free it.
   ForgetReserve();
   StoreRelease(g_systemAllocator, nullptr);
-  for (ZelSizeClassBucket*& buckets : g_categoryBuckets) StoreRelease(buckets, nullptr);
+  for (auto& runs : g_bucketRuns) {
+    for (ZelSizeClassBucket*& run : runs) StoreRelease(run, nullptr);
+  }
   system->release(system->buckets);
 }

@@ -59,6 +59,7 @@ struct ZelAllocatorPage {
   uint16_t magic;
   uint8_t category;
   uint8_t sizeShift;
+  uint32_t usedSlots;  // the first ones; those behind have never been given out
 };
 static_assert(sizeof(ZelAllocatorPage) <= kPageHeaderUnits * kUnit);
 
@@ -95,16 +96,26 @@ struct ZelSystemAllocator {
 extern ZelSpinLock g_systemAllocationLock;
 using SystemAllocationGuard = SpinGuard<LockRank::kSystemAllocation>;
 
-// The buckets of each category, by slot size in units less 1; null until the category is first
-// used. A category that has buckets has a ZelSystemAllocator behind it.
-extern ZelSizeClassBucket* g_categoryBuckets[kMaxCategories];
+// A category's buckets are set up in runs, when one of a run is first used. The entry of a run that
+// has been set up is the category's first bucket, else null; whoever finds one has a
+// ZelSystemAllocator behind it.
+inline constexpr uint32_t kRunBits = 6;
+inline constexpr uint32_t kRunsPerCategory = ((kMaxUnits - 1) >> kRunBits) + 1;
+extern ZelSizeClassBucket* g_bucketRuns[kMaxCategories][kRunsPerCategory];
+
+// Null when the bucket is not set up.
+inline ZelSizeClassBucket* FindBucket(uint32_t category, uint32_t units) {
+  const uint32_t index = units - 1;
+  ZelSizeClassBucket* const first = LoadAcquire(g_bucketRuns[category][index >> kRunBits]);
+  return first != nullptr ? first + index : nullptr;
+}
 
 // The one system allocator, made if there is none. Null only in a process that is ending for want
 // of memory.
 ZelSystemAllocator* SystemAllocator();
 
-// Sets up the category's buckets, if nobody has yet. Null when there is no system allocator.
-ZelSizeClassBucket* PrepareCategory(uint32_t category);
+// Sets up the bucket's run, if nobody has yet. Null when there is no system allocator.
+ZelSizeClassBucket* PrepareBucket(uint32_t category, uint32_t units);
 
 // A size too large for 64 bits. Nobody is asked for it: it counts as refused.
 inline constexpr uint64_t kUnrepresentable = ~uint64_t{0};

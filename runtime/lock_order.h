@@ -31,6 +31,11 @@ inline constexpr const char* kLockNames[] = {
 void NoteLockWanted(const void* lock, LockRank rank);
 void NoteLockReleased(const void* lock);
 
+// Says that a guard takes over a hold that its thread already has.
+struct Adopt {};
+// Says that a guard must not wait.
+struct AtOnce {};
+
 // Holds one of the library's spin locks. The caller asks for its owner value once per operation and
 // passes it to each guard.
 template <LockRank kRank>
@@ -40,9 +45,18 @@ class SpinGuard {
     if constexpr (kDebugChecks) NoteLockWanted(lock, kRank);
     AcquireSpinLock(lock, self);
   }
+  SpinGuard(AtOnce, ZelSpinLock* lock, uint64_t self)
+      : lock_(AcquireSpinLockAtOnce(lock, self) ? lock : nullptr) {
+    if constexpr (kDebugChecks) {
+      if (IsHeld()) NoteLockWanted(lock, kRank);
+    }
+  }
+  SpinGuard(Adopt, ZelSpinLock* lock) : lock_(lock) {}
   ~SpinGuard() { Release(); }
   SpinGuard(const SpinGuard&) = delete;
   SpinGuard& operator=(const SpinGuard&) = delete;
+
+  bool IsHeld() const { return lock_ != nullptr; }
 
   // Ends the hold before the scope does.
   void Release() {
@@ -51,6 +65,9 @@ class SpinGuard {
     ReleaseHeldSpinLock(lock_);
     lock_ = nullptr;
   }
+
+  // Leaves the hold to a guard that adopts it.
+  void Leave() { lock_ = nullptr; }
 
  private:
   ZelSpinLock* lock_;

@@ -55,17 +55,19 @@ bool TryToAcquireSpinLock(ZelSpinLock* lock, uint32_t tries, uint64_t self) {
   return true;
 }
 
-void WaitForSpinLock(ZelSpinLock* lock) {
+void WaitForSpinLock(ZelSpinLock* lock, uint64_t self) {
   BackOff backOff(lock->spinCount);
   for (;;) {
     if (LoadRelaxed(lock->state) != kFree && !backOff.Step()) continue;
-    if (TryExchangeSpinLock(lock)) return;
+    if (TryExchangeSpinLock(lock)) return RecordSpinLockOwner(lock, self);
   }
 }
 
-void WaitWhileWriterWaits(ZelSharedExclusiveLock* lock) {
+void WaitForSharedLock(ZelSharedExclusiveLock* lock) {
   BackOff backOff(lock->spinCount);
   while (LoadRelaxed(lock->exclusiveWaiting) != 0) backOff.Step();
+  AtomicExchangeAdd(lock->sharedCount, 1);
+  WaitForSharedState(lock);
 }
 
 void WaitForSharedState(ZelSharedExclusiveLock* lock) {
@@ -79,14 +81,14 @@ void WaitForSharedState(ZelSharedExclusiveLock* lock) {
   }
 }
 
-void WaitForExclusiveState(ZelSharedExclusiveLock* lock) {
+void WaitForExclusiveLock(ZelSharedExclusiveLock* lock, uint64_t self) {
   BackOff backOff(lock->spinCount);
   for (;;) {
     if (LoadRelaxed(lock->state) != kFree) {
       if (LoadRelaxed(lock->exclusiveWaiting) == 0) StoreRelaxed(lock->exclusiveWaiting, 1);
       if (!backOff.Step()) continue;
     }
-    if (TryExchangeExclusiveLock(lock)) return;
+    if (TryExchangeExclusiveLock(lock)) return RecordExclusiveOwner(lock, self);
   }
 }
 

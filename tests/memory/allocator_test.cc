@@ -27,7 +27,7 @@ ZelAllocatorPage* PageOf(void* block) {
   return reinterpret_cast<ZelAllocatorPage*>(HeaderOf(block));
 }
 ZelSizeClassBucket* BucketOf(const ZelAllocatorPage* page) {
-  return zelrt::g_categoryBuckets[page->category] + (page->units - 1);
+  return zelrt::FindBucket(page->category, page->units);
 }
 
 void ExpectConsistent(const ZelAllocatorPage* page) {
@@ -258,11 +258,12 @@ TEST_F(AllocatorTest, BlocksAreDisjointAndKeepTheirContents) {
   while (!live.empty()) release(live.size() - 1);
 
   size_t retained = 0;
-  for (const ZelSizeClassBucket* buckets : zelrt::g_categoryBuckets) {
-    for (uint32_t i = 0; buckets != nullptr && i < zelrt::kMaxUnits; ++i) {
-      if (buckets[i].pages == nullptr) continue;
-      EXPECT_EQ(nullptr, buckets[i].pages->next);
-      EXPECT_EQ(buckets[i].pages->capacity, buckets[i].pages->freeCount);
+  for (uint32_t category = 0; category < 3; ++category) {
+    for (uint32_t units = 1; units <= zelrt::kMaxUnits; ++units) {
+      const ZelSizeClassBucket* const bucket = zelrt::FindBucket(category, units);
+      if (bucket == nullptr || bucket->pages == nullptr) continue;
+      EXPECT_EQ(nullptr, bucket->pages->next);
+      EXPECT_EQ(bucket->pages->capacity, bucket->pages->freeCount);
       ++retained;
     }
   }

@@ -60,10 +60,11 @@ TEST(AllocatorThreadsTest, TotalsAreExactAfterChurnAcrossThreads) {
   uint64_t bytes[3] = {};
   size_t pages = 0;
   for (uint32_t category = 0; category < 3; ++category) {
-    const zelrt::ZelSizeClassBucket* const buckets = zelrt::g_categoryBuckets[category];
-    for (uint32_t i = 0; i < zelrt::kMaxUnits; ++i) {
-      EXPECT_TRUE(zelrt::BucketIsConsistent(&buckets[i]));
-      for (auto* page = buckets[i].pages; page != nullptr; page = page->next) {
+    for (uint32_t units = 1; units <= zelrt::kMaxUnits; ++units) {
+      const zelrt::ZelSizeClassBucket* const bucket = zelrt::FindBucket(category, units);
+      if (bucket == nullptr) continue;
+      EXPECT_TRUE(zelrt::BucketIsConsistent(bucket));
+      for (auto* page = bucket->pages; page != nullptr; page = page->next) {
         EXPECT_TRUE(zelrt::PageIsConsistent(page));
         EXPECT_EQ(page->capacity, page->freeCount);
         bytes[category] += zelrt::PageSize(page->sizeShift);
@@ -79,7 +80,7 @@ TEST(AllocatorThreadsTest, TotalsAreExactAfterChurnAcrossThreads) {
   EXPECT_EQ(static_cast<int64_t>(bytes[0]), misc.allocated);
 }
 
-TEST(AllocatorThreadsTest, ConcurrentFirstUseSetsACategoryUpOnce) {
+TEST(AllocatorThreadsTest, ConcurrentFirstUseSetsABucketUpOnce) {
   zelhost::Install();
   for (int round = 0; round < 100; ++round) {
     std::atomic<int> ready = 0;
@@ -95,7 +96,7 @@ TEST(AllocatorThreadsTest, ConcurrentFirstUseSetsACategoryUpOnce) {
     });
     EXPECT_GE(backing::RequestCount(), before + 3) << "a table and a page for each category";
     for (const uint32_t category : {0u, 1u}) {
-      EXPECT_TRUE(zelrt::BucketIsConsistent(zelrt::g_categoryBuckets[category] + 2000));
+      EXPECT_TRUE(zelrt::BucketIsConsistent(zelrt::FindBucket(category, 2001)));
     }
     __ZelDeinitializeSubAllocator();
   }

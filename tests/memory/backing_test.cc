@@ -106,16 +106,19 @@ TEST(BackingTest, WithoutABucketTableTheProcessEnds) {
   }
 }
 
-TEST(BackingTest, ACategoryIsSetUpWhenItIsFirstUsed) {
+TEST(BackingTest, BucketsAreSetUpWhenOneOfTheirRunIsFirstUsed) {
   backing::Install();
-  EXPECT_EQ(nullptr, zelrt::g_categoryBuckets[9]);
+  EXPECT_EQ(nullptr, zelrt::FindBucket(9, 2));
   __ZelFree(__ZelMalloc(9, 10, 0));
-  ASSERT_NE(nullptr, zelrt::g_categoryBuckets[9]);
-  EXPECT_EQ(nullptr, zelrt::g_categoryBuckets[8]);
-  for (const uint32_t units : {1u, 3u, 2046u}) {
-    EXPECT_EQ(units, zelrt::g_categoryBuckets[9][units - 1].units);
-    EXPECT_EQ(nullptr, zelrt::g_categoryBuckets[9][units - 1].pages);
+  EXPECT_EQ(nullptr, zelrt::FindBucket(8, 2));
+  EXPECT_EQ(nullptr, zelrt::FindBucket(9, 65));
+  for (const uint32_t units : {1u, 3u, 64u}) {
+    ASSERT_NE(nullptr, zelrt::FindBucket(9, units));
+    EXPECT_EQ(units, zelrt::FindBucket(9, units)->units);
+    EXPECT_EQ(nullptr, zelrt::FindBucket(9, units)->pages);
   }
+  __ZelFree(__ZelMalloc(63, 32'728, 0));  // the last bucket of the table
+  EXPECT_EQ(2046u, zelrt::FindBucket(63, 2046)->units);
 }
 
 }  // namespace
