@@ -77,5 +77,7 @@ std::optional<double> OpponentFigure(const Work& work, const Figures& figures, c
 Family Locks();
 Family Allocator();
 Family Footprint();
+Family Xml();
+Family Log();
 
 }  // namespace bench

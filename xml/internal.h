@@ -21,6 +21,7 @@ struct ZelXmlFile {
   uint32_t depth;  // open elements
   ZelSpinLock lock;
   char text[kXmlTextSize];  // where comments are formatted
+  char* streamBuffer;       // the stream's; null when it has its own
 };
 
 namespace zelrt {
