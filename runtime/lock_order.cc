@@ -17,7 +17,7 @@ struct HeldLock {
 // The calling thread's holds, oldest first; a lock held twice is in it twice. Initial-exec storage:
 // the lazy kind may allocate from the host's heap at a thread's first access.
 constexpr uint32_t kMaxHeldLocks = 32;
-constinit thread_local HeldLock t_heldLocks[kMaxHeldLocks];
+constinit thread_local HeldLock t_heldLocks[kMaxHeldLocks] = {};
 constinit thread_local uint32_t t_heldCount = 0;
 
 }  // namespace

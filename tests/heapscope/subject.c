@@ -231,12 +231,15 @@ static void ForkBesideFlush(void) {
   CHECK(waitpid(child, &status, 0) == child && status == 0);
 }
 
+static void __attribute__((noinline)) VforkOnce(void) {
+  const pid_t child = vfork();
+  if (child == 0) _exit(0);
+  CHECK(waitpid(child, NULL, 0) == child);
+}
+
 static void Vfork(void) {
-  for (int i = 0; i < 10; ++i) {
-    const pid_t child = vfork();
-    if (child == 0) _exit(0);
-    CHECK(waitpid(child, NULL, 0) == child);
-  }
+  for (int i = 0; i < 10; ++i) VforkOnce();
+  CHECK(malloc(12345) != NULL);
 }
 
 static void Exec(void) {
@@ -284,7 +287,11 @@ static void __attribute__((destructor)) FreeLater(void) {
   free(g_last);
   g_last = malloc(502);
 }
-static void LateAllocations(void) { atexit(AllocateLate); }
+void AllocateInDestructor(void);  // of late_library.c
+static void LateAllocations(void) {
+  atexit(AllocateLate);
+  AllocateInDestructor();
+}
 
 // Descriptors ------------------------------------------------------------------------------------
 
@@ -320,7 +327,11 @@ static void RunOutOfMemory(void) {
   const struct rlimit limit = {size, RLIM_INFINITY};
   CHECK(setrlimit(RLIMIT_AS, &limit) == 0);
   long count = 1;
-  while (malloc(24) != NULL) ++count;
+  errno = 77;
+  while (malloc(24) != NULL) {
+    CHECK(errno == 77);
+    ++count;
+  }
   CHECK(errno == ENOMEM);
   Say("%ld\n", count);
 }
