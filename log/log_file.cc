@@ -134,8 +134,6 @@ uint32_t __ZelCreateLogger(const char* sourceName, const char* path, uint32_t ap
   return CreateLogFileHeld(sourceName, path, append != 0, self) ? 1 : 0;
 }
 
-uint32_t __ZelIsLoggerInitialized() { return CurrentLogFile() != nullptr ? 1 : 0; }
-
 uint32_t __ZelReopenLogger() {
   ZelXmlFile* const file = CurrentLogFile();
   if (!HasStarted() || file == nullptr) return 0;

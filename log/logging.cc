@@ -1,4 +1,5 @@
-// The calls that log.
+// The calls that log, and the question whether there is a log: what the rest of the library knows of
+// it, kept apart from the log itself so that a test can put another in its place.
 
 #include <cstdarg>
 
@@ -23,3 +24,5 @@ int32_t __ZelLogCommentInternal(const char* format, ...) {
   va_end(arguments);
   return 0;
 }
+
+uint32_t __ZelIsLoggerInitialized() { return CurrentLogFile() != nullptr ? 1 : 0; }

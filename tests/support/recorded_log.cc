@@ -8,14 +8,11 @@
 
 #include "zelrt/log.h"
 
-constinit uint32_t ZELLOG_MSG_ABNORMAL_TERMINATE = 2;
-constinit uint32_t ZELLOG_MSG_OUT_OF_MEMORY = 3;
-constinit uint32_t ZELLOG_MSG_COLLECT_MEMORY = 4;
-constinit uint32_t ZELLOG_MSG_MEMORY_IS_TIGHT = 5;
-constinit uint32_t ZELLOG_MSG_FREEING_RESERVES = 6;
-
 namespace zeltest {
 namespace {
+
+// The names of the messages are the library's; their ids must be known without a start-up.
+[[maybe_unused]] const uint32_t g_registered = __ZelRegisterInternalZELRTLogMessages();
 
 struct Log {
   std::mutex mutex;
@@ -73,7 +70,7 @@ void EchoLog(bool echo) { TheLog().echo = echo; }
 using namespace zeltest;
 
 void __ZelLogInternal(uint32_t severity, uint32_t messageId, uint32_t, uint64_t formatOrTag, ...) {
-  static const std::map<uint32_t, const char*> names = {
+  const std::map<uint32_t, const char*> names = {
       {ZELLOG_MSG_ABNORMAL_TERMINATE, "ABNORMAL_TERMINATE"},
       {ZELLOG_MSG_OUT_OF_MEMORY, "OUT_OF_MEMORY"},
       {ZELLOG_MSG_COLLECT_MEMORY, "COLLECT_MEMORY"},
