@@ -17,6 +17,7 @@
 #include "zelrt/xml.h"
 
 #ifdef __cplusplus
+#include "zelrt/log.hpp"
 #include "zelrt/paths.hpp"
 #include "zelrt/system_information.hpp"
 #include "zelrt/xml_writer.hpp"

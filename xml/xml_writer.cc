@@ -4,22 +4,21 @@
 
 ZelXmlWriter::ZelXmlWriter() : tagState_(kNothingPending), file_(nullptr) {}
 
-ZelXmlWriter::~ZelXmlWriter() { closeForGood(); }
+// A handle whose close failed is only freed by another one, hence two of them.
+ZelXmlWriter::~ZelXmlWriter() {
+  close();
+  __ZelXMLCloseFile(&file_);
+}
 
 bool ZelXmlWriter::create(const char* path, bool append) {
-  if (file_ != nullptr) closeForGood();
+  if (file_ != nullptr) close();
+  __ZelXMLCloseFile(&file_);
   file_ = __ZelXMLCreateFile(path, append ? 1 : 0);
   return file_ != nullptr;
 }
 
 void ZelXmlWriter::close() {
   endAll();
-  __ZelXMLCloseFile(&file_);
-}
-
-void ZelXmlWriter::closeForGood() {
-  close();
-  // A handle whose close failed is only freed by another one.
   __ZelXMLCloseFile(&file_);
 }
 
@@ -48,32 +47,21 @@ ZelXmlWriter& ZelXmlWriter::startElement(const char* name, bool finishTag) {
 
 ZelXmlWriter& ZelXmlWriter::endElement() {
   if (openElements_.empty()) return *this;
-  finishTagForContent();
-  closeInnermost();
+  autoFinishStartedTag();
+  __ZelXMLWriteClosingTag(file_, openElements_.back().c_str());
+  openElements_.pop_back();
+  tagState_ = kNothingPending;
   return *this;
 }
 
 ZelXmlWriter& ZelXmlWriter::endAll() {
-  finishTagForContent();
-  while (!openElements_.empty()) closeInnermost();
+  while (!openElements_.empty()) endElement();
   return *this;
 }
 
 ZelXmlWriter& ZelXmlWriter::autoFinishStartedTag() {
   if (tagState_ == kStarted) __ZelXMLFinishWritingOpeningTag(file_);
   return *this;
-}
-
-ZelXmlWriter& ZelXmlWriter::finishTagForContent() {
-  autoFinishStartedTag();
-  if (tagState_ == kStarted) tagState_ = kContent;
-  return *this;
-}
-
-void ZelXmlWriter::closeInnermost() {
-  __ZelXMLWriteClosingTag(file_, openElements_.back().c_str());
-  openElements_.pop_back();
-  tagState_ = kNothingPending;
 }
 
 ZelXmlWriter& ZelXmlWriter::writeStrAttribute(const char* name, const std::string& value) {
@@ -94,12 +82,14 @@ ZelXmlWriter& ZelXmlWriter::writeAttribute(const char* name, const void* value) 
 }
 
 ZelXmlWriter& ZelXmlWriter::write(const std::string& text) {
-  finishTagForContent();
+  autoFinishStartedTag();
+  tagState_ = kContent;
   __ZelXMLWriteStringValue(file_, text.c_str());
   return *this;
 }
 ZelXmlWriter& ZelXmlWriter::write(int value) {
-  finishTagForContent();
+  autoFinishStartedTag();
+  tagState_ = kContent;
   __ZelXMLWriteIntValue(file_, value);
   return *this;
 }

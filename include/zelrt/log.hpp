@@ -16,7 +16,7 @@ namespace zelrt {
 // there is does not compile.
 template <typename Value, uint32_t kTag>
 struct LogArgument {
-  static constexpr uint32_t tag = kTag;
+  static constexpr uint32_t Tag() { return kTag; }
   Value value;
 };
 
@@ -49,7 +49,7 @@ void Log(uint32_t severity, uint32_t messageId, const Values&... values) {
     const auto call = [=](uint32_t firstTag, auto... rest) {
       __ZelLogInternal(severity, messageId, 0, firstTag, rest...);
     };
-    const auto flat = [](auto argument) { return std::make_tuple(argument.tag, argument.value); };
+    const auto flat = [](auto argument) { return std::make_tuple(argument.Tag(), argument.value); };
     std::apply(call, std::tuple_cat(flat(ToLogArgument(values))...));
   }
 }

@@ -61,10 +61,6 @@ class ZEL_API ZelXmlWriter {
  private:
   enum TagState : uint32_t { kStarted = 0, kContent = 1, kNothingPending = 2 };
 
-  ZelXmlWriter& finishTagForContent();
-  void closeInnermost();
-  void closeForGood();
-
   std::deque<std::string> openElements_;  // the innermost at the back
   TagState tagState_;
   ZelXmlFile* file_;

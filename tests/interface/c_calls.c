@@ -3,6 +3,7 @@
  * say. */
 
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -102,6 +103,36 @@ static void CallLog(void) {
   CHECK(WIFEXITED(status) && WEXITSTATUS(status) == 42);
 }
 
+static void CallFilesAndXml(void) {
+  char folder[] = "/tmp/zelrt-c-calls-XXXXXX";
+  CHECK(mkdtemp(folder) != NULL);
+  char path[64];
+  CHECK(__ZelSnprintf(path, sizeof path, "%s//file.xml", folder) == (int)strlen(folder) + 10);
+  __ZelSanitizePath(path);
+
+  ZelXmlFile* file = __ZelXMLCreateFile(path, 0);
+  __ZelXMLAcquireFile(file);
+  __ZelXMLWriteHexadecimalElement(file, "address", UINT64_C(0xfedcba9876543210));
+  __ZelXMLWriteComment(file, "%s", "text");
+  __ZelXMLReleaseFile(file);
+  __ZelXMLCloseFile(&file);
+  CHECK(file == NULL);
+
+  int error = -1;
+  FILE* const stream = __ZelFopen(path, "r", &error);
+  char content[256] = "";
+  CHECK(stream != NULL && __ZelFread(content, 1, sizeof content - 1, stream) > 0);
+  CHECK(strstr(content, "\n<address>0xfedcba9876543210</address>\n<!-- text -->") != NULL);
+  CHECK(__ZelFclose(stream) == 0);
+
+  const int32_t lock = __ZelCreateLockFile(path, 1);
+  CHECK(__ZelLockFile(lock) == 0 && __ZelWriteLockFile(lock, "12345678") == 8);
+  CHECK(__ZelReadLockFile(lock, content) == 8 && memcmp(content, "12345678", 8) == 0);
+  CHECK(__ZelCloseLockFile(lock) == 0);
+  unlink(path);
+  rmdir(folder);
+}
+
 int main(void) {
   CallRuntime();
   CallAtomics();
@@ -109,5 +140,6 @@ int main(void) {
   CallMemory();
   CallPlatform();
   CallLog();
+  CallFilesAndXml();
   return g_failures == 0 ? 0 : 1;
 }

@@ -31,6 +31,7 @@ find "$scratch/include" -type f -exec sed -Ei "s/\b(__[zZ]el)/$mark\1/g" {} +
 compile() { need env -C "$scratch" "$cxx" -std=c++20 -I"$scratch/include" "$@"; }
 compile -fsyntax-only -fdump-ada-spec all.cc
 sed -nE 's/.*(External_Name => |CPP_Constructor \([^"]*)"([^"]*)".*/\2/p' "$scratch"/*zelrt*.ads |
+  grep -vE 'aSERKS|LogArgumentI' | # assignments are the compiler's or deleted; a template is its user's
   sort -u >"$scratch/bound"
 
 # Functions with a body in the header belong to whoever includes it. A destructor that is defaulted
@@ -48,6 +49,7 @@ awk '
   /^_ZN.*D1Ev$/ { sub(/D1Ev$/, "D2Ev"); print }
   /^_ZN.*D0Ev$/ {
     sub(/^_Z/, ""); sub(/D0Ev$/, "E")
+    if ($0 ~ /^N[0-9]+[A-Za-z]+E$/) gsub(/^N|E$/, "")  # not in a namespace: N12ZelXmlWriterE
     print "_ZTV" $0; print "_ZTI" $0; print "_ZTS" $0
   }' "$scratch/bound" |
   sort -u | comm -23 - "$scratch/inline" | sed "s/^$mark//" | sort >"$scratch/declared"
