@@ -1,24 +1,47 @@
 // The ends of a process that cannot go on, and the console that they report to.
+//
+// The first thread that comes here ends the process. On its way it may meet further fatal
+// conditions, in the exit hook for instance: they are not reported, and lead on to the exit.
+
+#include <unistd.h>
 
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 
+#include "memory/internal.h"
+#include "runtime/ending.h"
 #include "runtime/internal.h"
 #include "zelrt/log.h"
 
+using namespace zelrt;
+
 namespace {
 
+constexpr int kExitStatus = -1;
+
 constinit ZelExitHook g_exitHook = nullptr;
+constinit uint32_t g_terminationLogged = 0;
 
 void PrintLine(const char* format, va_list arguments) {
+  flockfile(stdout);
   std::vprintf(format, arguments);
   std::putchar('\n');
+  funlockfile(stdout);
+}
+
+// Returns on the thread that ends the process.
+EndClaim ClaimOrEnd() {
+  const uint64_t self = CallingOwner();
+  AbandonMemoryLocks(self);
+  const EndClaim claim = ClaimEndOfProcess(self);
+  // The ending thread has not come through. A second exit() would meet it in the middle of the
+  // first.
+  if (claim == EndClaim::kOther) _exit(kExitStatus);
+  return claim;
 }
 
 }  // namespace
-
-using namespace zelrt;
 
 int32_t __ZelLogToConsole(const char* format, ...) {
   va_list arguments;
@@ -31,24 +54,29 @@ int32_t __ZelLogToConsole(const char* format, ...) {
 void __ZelSetExitHandler(ZelExitHook hook) { StoreRelease(g_exitHook, hook); }
 
 void __ZelExitHandler(int32_t code) {
+  ClaimOrEnd();
   // Taken out before it is called: a hook that meets a fatal condition itself is not called again.
   const ZelExitHook hook = LoadAcquire(g_exitHook);
   if (hook != nullptr && AtomicCompareExchange(g_exitHook, nullptr, hook) == hook) hook(code);
-  std::exit(-1);
+  std::exit(kExitStatus);
 }
 
 void __ZelFatalExit(int32_t code) {
-  __ZelLogInternal(ZELLOG_SEVERITY_ERROR, ZELLOG_MSG_ABNORMAL_TERMINATE, 0, 0);
+  ClaimOrEnd();
+  if (AtomicCompareExchange(g_terminationLogged, 1, 0) == 0)
+    __ZelLogInternal(ZELLOG_SEVERITY_ERROR, ZELLOG_MSG_ABNORMAL_TERMINATE, 0, 0);
   __ZelExitHandler(code);
 }
 
 void __ZelLogFatalToolDefect(const char* format, ...) {
-  // On the console whatever the state: there is no log file yet that could take it.
-  va_list arguments;
-  va_start(arguments, format);
-  PrintLine(format, arguments);
-  va_end(arguments);
-  // The current call stack belongs here.
-  std::fflush(stdout);
+  if (ClaimOrEnd() == EndClaim::kFirst) {
+    // On the console whatever the state: there is no log file yet that could take it.
+    va_list arguments;
+    va_start(arguments, format);
+    PrintLine(format, arguments);
+    va_end(arguments);
+    // The current call stack belongs here.
+    std::fflush(stdout);
+  }
   __ZelFatalExit(-1);
 }

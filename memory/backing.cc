@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "memory/internal.h"
+#include "runtime/ending.h"
 #include "runtime/spin_flag.h"
 #include "zelrt/log.h"
 
@@ -49,7 +50,7 @@ ZelSystemAllocator* SystemAllocator() {
     if (g_systemAllocator == nullptr) made = MakeSystemAllocator();
   }
   // Without the flag, since the exit hook may allocate.
-  if (!made && ClaimEndOfProcess(CallingOwner())) __ZelExitHandler(-1);
+  if (!made && ClaimEndOfProcess(CallingOwner()) == EndClaim::kFirst) __ZelExitHandler(-1);
   return LoadAcquire(g_systemAllocator);
 }
 
@@ -86,7 +87,7 @@ void __ZelDeinitializeSubAllocator() {
   ZelSystemAllocator* const system = LoadAcquire(g_systemAllocator);
   if (system == nullptr) return;
   // The reserve came from the pair that goes now; a later one must not be asked to free it.
-  ForgetReserve();
+  ForgetPressure();
   StoreRelease(g_systemAllocator, nullptr);
   for (auto& runs : g_bucketRuns) {
     for (ZelSizeClassBucket*& run : runs) StoreRelease(run, nullptr);

@@ -1,7 +1,7 @@
 /* Reporting: messages, comments, and the ends of a process that cannot go on.
  *
- * A message has a number, a severity and typed arguments. Until there is a log file, messages are
- * dropped; the fatal calls print to standard output instead. */
+ * A message has a number, a severity and typed arguments. There is no log file yet: messages are
+ * dropped, and the report of a tool defect goes to standard output. */
 #ifndef ZELRT_LOG_H
 #define ZELRT_LOG_H
 
@@ -43,12 +43,15 @@ ZEL_API int32_t __ZelLogToConsole(const char* format, ...) ZEL_PRINTF_LIKE(1, 2)
 
 ZEL_API uint32_t __ZelIsLoggerInitialized(void); /* 1 when a log file is open, else 0 */
 
-/* Ends. */
+/* Ends. The first thread that comes here ends the process; what meets a fatal condition meanwhile
+ * reports nothing more. */
 
 typedef void (*ZelExitHook)(int32_t code);
 
 /* Has `hook` called once when the process is ended from here; null removes it. It runs on the
- * thread that ends the process and may allocate, log, and end the process its own way. */
+ * thread that ends the process, holding none of the memory family's locks; it may allocate, log and
+ * end the process its own way, must not leave otherwise than by returning, and has half a minute
+ * until another thread that meets a fatal condition ends the process in its place. */
 ZEL_API void __ZelSetExitHandler(ZelExitHook hook);
 
 /* Calls the exit hook with `code`, then ends the process with exit(-1), whatever the code. */
