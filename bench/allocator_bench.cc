@@ -123,6 +123,24 @@ void Batch(benchmark::State& state, Sizes sizes) {
   }
 }
 
+// Moves the process's heap on by some cache lines, differently each time. Pages that come from it
+// lie whole multiples of 64 KiB apart, so their headers share one set of the first-level cache, and
+// it is by chance which hot data of a contender shares it with them. Repetitions shall not all have
+// the same luck.
+class HeapShift {
+ public:
+  HeapShift() : padding_(std::malloc((turn_++ * 37 % 1024 + 1) * 64)) {
+    benchmark::DoNotOptimize(Touch(padding_));
+  }
+  ~HeapShift() { std::free(padding_); }
+  HeapShift(const HeapShift&) = delete;
+  HeapShift& operator=(const HeapShift&) = delete;
+
+ private:
+  static inline std::atomic<size_t> turn_ = 0;
+  void* const padding_;
+};
+
 enum class Categories { kOne, kAll };
 
 // A live set, one of whose blocks is replaced at each step.
@@ -154,6 +172,7 @@ class LiveSet {
     return Touch(allocator_.Allocate(step.category & categoryMask_, step.size));
   }
 
+  const HeapShift heapShift_;
   Allocator allocator_;
   const Step* const steps_ = MixedSteps().data();
   uint32_t step_;

@@ -42,7 +42,7 @@ class MedianCollector : public benchmark::BenchmarkReporter {
 
 void Register(const Contender& contender, Measure measure) {
   benchmark::internal::Benchmark* const registered =
-      benchmark::RegisterBenchmark(contender.name, contender.run);
+      benchmark::RegisterBenchmark(contender.name.c_str(), contender.run);
   if (measure == Measure::kManualTime) registered->UseManualTime();
   if (measure == Measure::kCounter) registered->Iterations(1);
 }
@@ -64,7 +64,7 @@ std::optional<double> OpponentFigure(const Work& work, const Figures& figures, c
   std::optional<double> least;
   for (const Contender& contender : work.contenders) {
     const bool isMeant = goal.opponent == kBestPeer ? contender.role == Role::kPeer
-                                                    : std::string(contender.name) == goal.opponent;
+                                                    : contender.name == goal.opponent;
     const auto figure = figures.find(contender.name);
     if (isMeant && figure != figures.end())
       least = std::min(least.value_or(figure->second), figure->second);

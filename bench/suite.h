@@ -21,7 +21,7 @@ enum class Role {
 using Run = std::function<void(benchmark::State&)>;
 
 struct Contender {
-  const char* name;
+  std::string name;
   Role role;
   Run run;  // empty for what this machine does not have
 };
@@ -36,7 +36,7 @@ inline constexpr char kItself[] = "";             // as an opponent: none, the f
 
 // Ours shall be at most, or below, `limit` times the opponent's figure.
 struct Goal {
-  const char* opponent;
+  std::string opponent;
   double limit;
   bool below = false;
 };

@@ -21,7 +21,7 @@ double Rounded(double ratio) {
 }
 
 Line GoalCells(const Work& work, const Figures& figures, const Goal& goal) {
-  const std::string opponent = goal.opponent;
+  const std::string& opponent = goal.opponent;
   const std::string limit = (goal.below ? "< " : "<= ") + Figure(goal.limit);
   const auto ours = figures.find(kOurs);
   const std::optional<double> theirs = OpponentFigure(work, figures, goal);

@@ -12,7 +12,8 @@
 namespace zelhost {
 
 // Installs every hook of zelrt/runtime.h with the services below. Call it once, before zelrt is
-// started and before there are threads. It stays right in a forked child.
+// started and before there are threads. In a child of fork the ids are the child's own; what the
+// forking thread holds by its old id can be released there, but not taken again.
 void Install();
 
 // Ids of the calling thread: this stand-in's own number, counted from 1 in the order in which
@@ -42,9 +43,9 @@ void ClientUnlock();
 inline constexpr uint32_t kNoThread = 0xFFFFFFFF;
 using ThreadFunction = void (*)(uintptr_t argument);
 
-// Starts a thread and stores its handle, which is to be passed to WaitThread until that succeeds.
-// A stack size of 0 is the system's default. Returns the new thread's CurrentThreadId, kNoThread on
-// failure.
+// Starts a thread and stores its handle, which one thread at a time may pass to WaitThread until
+// that succeeds. The thread may run before the handle is stored. A stack size of 0 is the system's
+// default. Returns the new thread's CurrentThreadId, kNoThread on failure.
 uint32_t CreateThread(ThreadFunction function, uintptr_t argument, size_t stackSize,
                       uintptr_t* handle);
 

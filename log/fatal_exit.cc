@@ -10,6 +10,7 @@
 #include <cstdlib>
 
 #include "log/internal.h"
+#include "memory/internal.h"
 #include "runtime/ending.h"
 #include "runtime/internal.h"
 #include "zelrt/log.h"
@@ -31,7 +32,9 @@ void PrintLine(const char* format, va_list arguments) {
 
 // Returns on the thread that ends the process.
 EndClaim ClaimOrEnd() {
-  const EndClaim claim = ClaimEndOfProcess(CallingOwner());
+  const uint64_t self = CallingOwner();
+  AbandonMemoryLocks(self);
+  const EndClaim claim = ClaimEndOfProcess(self);
   // The ending thread has not come through. A second exit() would meet it in the middle of the
   // first.
   if (claim == EndClaim::kOther) _exit(kExitStatus);

@@ -87,7 +87,7 @@ void __ZelDeinitializeSubAllocator() {
   ZelSystemAllocator* const system = LoadAcquire(g_systemAllocator);
   if (system == nullptr) return;
   // The reserve came from the pair that goes now; a later one must not be asked to free it.
-  ForgetReserve();
+  ForgetPressure();
   StoreRelease(g_systemAllocator, nullptr);
   for (auto& runs : g_bucketRuns) {
     for (ZelSizeClassBucket*& run : runs) StoreRelease(run, nullptr);

@@ -40,7 +40,8 @@ void Add(Counter& counter, int64_t amount) {
 }
 
 void RaisePeakLocked() {
-  if (__zelTotalMemoryAllocated <= g_peakTotal) return;
+  // Signed: pages from before the statistics take the total below 0 when they are given back.
+  if (static_cast<int64_t>(__zelTotalMemoryAllocated) <= static_cast<int64_t>(g_peakTotal)) return;
   for (uint32_t id = 0; id < kMaxCategories; ++id) {
     StoreRelaxed(g_categories[id].allocatedAtPeak, g_categories[id].allocated);
   }

@@ -1,7 +1,8 @@
 // What the files of memory/ lend each other.
 //
 // Locks: see runtime/lock_order.h. Logging happens under no lock but the system allocation lock,
-// which is recursive, and the pre-allocation check lock: a message may need memory.
+// which is recursive, and the pre-allocation check lock: a message may need memory. It follows that
+// the log must not ask for memory while it holds a lock of its own.
 #pragma once
 
 #include <cstddef>
@@ -130,8 +131,12 @@ inline constexpr uint64_t SaturatingSum(uint64_t a, uint64_t b) {
 // ends the process when that is used up. Null only while the process is ending.
 void* RequestBackingMemory(uint64_t bytes, uint64_t self);
 
-// Drops the reserve without giving it back.
-void ForgetReserve();
+// For a thread that ends the process, and will not return to the frames that hold these: exit
+// handlers, and threads that they wait for, may need them.
+void AbandonMemoryLocks(uint64_t self);
+
+// Drops the reserve without giving it back, and switches the machinery off.
+void ForgetPressure();
 
 // Free swap space as it was seen since it last rose or a collection was asked for.
 class SwapWatch {

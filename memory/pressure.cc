@@ -1,8 +1,8 @@
 // Memory pressure: the reserve, the watch on free swap space, memory collectors, and what the
 // client calls around the framework's own memory requests.
 //
-// Under the system allocation lock: the reserve, the swap watch, g_collectionLogged. Collectors run
-// under it. Under the pre-allocation check lock: g_failuresInARow.
+// Under the system allocation lock: the reserve, the swap watch, the state of a collection.
+// Collectors run under it. Under the pre-allocation check lock: g_failuresInARow.
 
 #include <sys/sysinfo.h>
 
@@ -29,6 +29,7 @@ constinit uint32_t g_collectorInitialized = 0;
 constinit ReserveBlock* g_reserve = nullptr;
 constinit uint32_t g_freeingReserves = 0;
 constinit uint32_t g_collectionLogged = 0;  // since the last backing request
+constinit bool g_isCollecting = false;
 constinit SwapWatch g_swapWatch;
 constinit SlotTable<ZelMemoryCollector, kMaxCollectors> g_collectors;
 
@@ -47,6 +48,10 @@ bool CollectorIsInitialized() { return LoadAcquire(g_collectorInitialized) != 0;
 
 // Returns the bytes of pages that the collectors freed, as far as statistics tell.
 uint64_t CollectMemoryLocked(uint64_t self) {
+  // What a collector or the log asks for meanwhile may be short again. To collect once more for
+  // that would never end.
+  if (g_isCollecting) return 0;
+  g_isCollecting = true;
   if (g_collectionLogged == 0) {
     if (__ZelIsLoggerInitialized() != 0)
       __ZelLogInternal(ZELLOG_SEVERITY_WARNING, ZELLOG_MSG_COLLECT_MEMORY, 0, 0);
@@ -63,6 +68,7 @@ uint64_t CollectMemoryLocked(uint64_t self) {
   }
   const uint64_t freed = before - LoadRelaxed(__zelTotalMemoryAllocated);
   if (logDumps) LogCollectionDump("Stop", self);
+  g_isCollecting = false;
   return freed;
 }
 
@@ -79,10 +85,7 @@ void CheckSwapPressureLocked(uint64_t self) {
 // Ends the process, once. Returns for allocations of the report itself, which must do without.
 void ReportOutOfMemory(uint64_t self) {
   if (ClaimEndOfProcess(self) != EndClaim::kFirst) return;
-  // The frames that hold these will not be returned to, but exit handlers may need them.
-  AbandonSpinLock(&g_systemAllocationLock, self);
-  StoreRelaxed(g_checkIsPausing, 0);
-  AbandonSpinLock(&g_preAllocationCheckLock, self);
+  AbandonMemoryLocks(self);
   if (StatisticsAreOn()) LogExhaustionDump(self);
   __ZelLogInternal(ZELLOG_SEVERITY_ERROR, ZELLOG_MSG_OUT_OF_MEMORY, 0, 0);
   __ZelFatalExit(-1);
@@ -134,6 +137,13 @@ bool SwapWatch::HasFallen(uint64_t freeSwap, uint64_t totalSwap) {
   return true;
 }
 
+void AbandonMemoryLocks(uint64_t self) {
+  AbandonSpinLock(&g_systemAllocationLock, self);
+  if (!IsSpinLockHeldBy(&g_preAllocationCheckLock, self)) return;
+  StoreRelaxed(g_checkIsPausing, 0);
+  AbandonSpinLock(&g_preAllocationCheckLock, self);
+}
+
 void* RequestBackingMemory(uint64_t bytes, uint64_t self) {
   const ZelSystemAllocator* const system = SystemAllocator();
   if (system == nullptr) return nullptr;
@@ -148,7 +158,10 @@ void* RequestBackingMemory(uint64_t bytes, uint64_t self) {
   return block;
 }
 
-void ForgetReserve() { g_reserve = nullptr; }
+void ForgetPressure() {
+  g_reserve = nullptr;
+  StoreRelease(g_collectorInitialized, 0);
+}
 
 namespace {
 

@@ -13,16 +13,17 @@ namespace {
 
 constinit uint64_t g_ender = kNoOwner;
 
-// A thread that waited for ever might hold a lock which the ending one needs.
+// The ending thread may be writing results from the exit hook. It is given time for that, but a
+// thread that waited for ever might hold a lock which it needs.
 void GiveTimeToEnd() {
-  constexpr time_t kPatienceSeconds = 2;
+  constexpr time_t kPatienceSeconds = 30;
   timespec start;
   timespec now;
   clock_gettime(CLOCK_MONOTONIC, &start);
   do {
     __ZelYield();
     clock_gettime(CLOCK_MONOTONIC, &now);
-  } while (now.tv_sec - start.tv_sec <= kPatienceSeconds);
+  } while (now.tv_sec - start.tv_sec < kPatienceSeconds);
 }
 
 }  // namespace

@@ -5,6 +5,9 @@
 #include <iterator>
 
 namespace zelrt {
+
+#ifdef ZELRT_DEBUG_CHECKS
+
 namespace {
 
 static_assert(std::size(kLockNames) == static_cast<uint32_t>(LockRank::kStatistics) + 1);
@@ -48,6 +51,8 @@ void NoteLockReleased(const void* lock) {
     return;
   }
 }
+
+#endif
 
 void AbandonSpinLock(ZelSpinLock* lock, uint64_t self) {
   while (IsSpinLockHeldBy(lock, self)) {

@@ -8,7 +8,8 @@
  * Threads are told apart by a 32-bit id: the ...Tid calls are given it, the others take the low
  * half of __ZelGetNativeThreadId() (zelrt/runtime.h). Id 0, also that of a process without the
  * hook, stands for the calling thread whoever it is: exclusion and recursion hold there too. One
- * thread must use one id for the acquisitions and releases of a hold.
+ * thread must use one id for the acquisitions and releases of a hold. After a fork, a lock that
+ * another thread held is held for ever in the child.
  *
  * Which calls may overlap on one lock:
  *   initialise             nothing else

@@ -57,9 +57,12 @@ ZEL_API uint64_t __ZelGetTotalTimesMemoryCollected(void);
  * sizeShift bytes; it has no bearing on large blocks. A category above 63, or a shift above 15
  * where it counts, ends the process as a tool defect.
  *
- * Does not return null for lack of memory: reserves are given back, memory collectors are called,
- * and at the end the process ends with "OUT_OF_MEMORY" and status 255. While it is ending, an
- * allocation that fails once more returns null. */
+ * A category that is not registered is served and counted in the total, but no query shows it.
+ *
+ * Does not return null for lack of memory: reserves are given back, and when none is left the
+ * process ends with "OUT_OF_MEMORY" and status 255. On the thread that is ending it, an allocation
+ * that fails once more returns null; on others it does so only when the end has taken half a
+ * minute. */
 ZEL_API void* __ZelMalloc(unsigned int category, size_t size, unsigned int sizeShift);
 
 /* Null is ignored. A small block that is free already is left alone, with a note in the log. */
@@ -76,13 +79,15 @@ typedef void (*ZelMemoryCollector)(void);
 
 /* Switches the watch on free swap space on, resets the statistics, and takes up to reserveBlocks
  * blocks of 33,554,416 bytes as a reserve (fewer when there are no more; a negative count is 0).
- * Only the first call of the two does anything. */
+ * Only the first call of the two does anything. Call it before the first allocation: pages that are
+ * held already would be subtracted from statistics that do not count them. */
 ZEL_API void __ZelInitializeMemoryCollectorAndReserveMemory(int reserveBlocks);
 ZEL_API void __ZelInitializeMemoryCollector(void); /* no reserve */
 
 /* Has `collector` called when memory runs short, after those registered before it. It runs on the
  * thread that asked for memory or was told that there is none, under the system allocation lock:
- * it may allocate, free and log, and must not wait for another thread.
+ * it may allocate, free and log, and must not wait for another thread nor call the checks below.
+ * No collector is called again for what is asked for meanwhile.
  * Returns 0, or -1 when there are 16 already or, with an error in the log, for null. */
 ZEL_API int32_t __ZelRegisterMemoryCollector(ZelMemoryCollector collector);
 
@@ -104,10 +109,13 @@ ZEL_API void __ZelAsynchronousCollectMemory(size_t size);
 /* The backing pair: where pages, large blocks, reserves and the library's tables come from; the
  * process's malloc and free unless installed otherwise. */
 
-/* Called by one thread at a time. Null for lack of memory; blocks are aligned to 16 bytes. */
+/* Called by one thread at a time. Null for lack of memory; blocks are aligned to 16 bytes. It may
+ * tell of a shortage (__ZelAsynchronousCollectMemory), and is then called again, on the same
+ * thread, by memory collectors that allocate. */
 typedef void* (*ZelBackingAllocate)(size_t size);
 
-/* Called by several threads at once, also while another allocates; the block is never null. */
+/* Called by several threads at once, also while another allocates, and under inner locks, so that
+ * it must not tell of a shortage. The block is never null. */
 typedef void (*ZelBackingFree)(void* block);
 
 /* Installs a pair. It must come before the first use of the allocator: afterwards the pair is
@@ -116,8 +124,9 @@ typedef void (*ZelBackingFree)(void* block);
 ZEL_API void __ZelInitializeSubAllocator(ZelBackingAllocate allocate, ZelBackingFree release);
 
 /* The end of the allocator: gives its table back and goes back to malloc and free. Blocks from
- * before may be neither used nor freed, and what they occupy is not given back; allocating anew is
- * possible. No other thread may be inside this family. */
+ * before may be neither used nor freed, and what they occupy, the reserve included, is neither
+ * given back nor taken out of the statistics. Allocating anew is possible, and the memory collector
+ * can be initialised anew. No other thread may be inside this family. */
 ZEL_API void __ZelDeinitializeSubAllocator(void);
 
 #ifdef __cplusplus

@@ -21,7 +21,7 @@ grep -rIlF -e "$sources" -e "$build" -e "built for" "$prefix" |
 
 # expect_installed_headers: reads the headers of a program from stdin, one a line.
 expect_installed_headers() {
-  grep -E '/zelrt(\.h|/)' | sed 's/^ *//' | xargs -d '\n' -r realpath | sort -u >"$scratch/used"
+  grep -E '/include/zelrt(\.h|/)' | sed 's/^ *//' | xargs -d '\n' -r realpath | sort -u >"$scratch/used"
   [ -s "$scratch/used" ] || fail "$1: cannot read which headers were used"
   grep -vF "$prefix/include/" "$scratch/used" | fail_on_lines "$1: headers from elsewhere"
 }

@@ -66,6 +66,17 @@ TEST(BackingTest, AFreshRecordIsBuiltAfterTheEnd) {
   EXPECT_EQ(requests + 2, backing::RequestCount()) << "a new table and a new page";
 }
 
+TEST(BackingTest, AShortageWhileTheFreshRecordIsBuiltIsIgnored) {
+  backing::Install();
+  __ZelInitializeMemoryCollector();
+  __ZelDeinitializeSubAllocator();
+  backing::OnRequest([] { __ZelAsynchronousCollectMemory(1); });
+  backing::Install();
+  __ZelInitializeMemoryCollectorAndReserveMemory(1);
+  EXPECT_EQ(33'554'416u, backing::Requests().back()) << "initialised anew, reserve and all";
+  __ZelDeinitializeSubAllocator();
+}
+
 // The reserve of a pair that is gone must not be given to its successor, which would abort.
 TEST(BackingTest, TheReserveEndsWithItsPair) {
   zeltest::IgnoreLeaks();

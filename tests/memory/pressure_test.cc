@@ -251,6 +251,16 @@ TEST_F(PressureTest, ShortageInsideARequestCollectsAtOnce) {
   ExpectAllLocksFree();
 }
 
+TEST_F(PressureTest, AShortageInsideACollectionStartsNoOther) {
+  __ZelInitializeMemoryCollector();
+  __ZelRegisterMemoryCollector(CollectCache);
+  backing::OnRequest([] { __ZelAsynchronousCollectMemory(1); });
+  __ZelFree(__ZelMalloc(0, 70'000, 0));
+  EXPECT_EQ("c", g_calls);
+  __ZelFree(__ZelMalloc(0, 70'000, 0));
+  EXPECT_EQ("cc", g_calls);
+}
+
 TEST_F(PressureTest, ConsecutiveCollectionsWarnOnce) {
   __ZelInitializeMemoryCollector();
   zeltest::SetLogOpen(true);
