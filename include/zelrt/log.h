@@ -123,7 +123,9 @@ ZEL_API uint32_t __ZelReleaseLoggerHandle(int32_t handle, const char* name);
 typedef void (*ZelExitHook)(int32_t code);
 
 /* Has `hook` called once when the process is ended from here; null removes it. It runs on the
- * thread that ends the process and may allocate, log, and end the process its own way. */
+ * thread that ends the process, holding none of the memory family's locks; it may allocate, log and
+ * end the process its own way, must not leave otherwise than by returning, and has half a minute
+ * until another thread that meets a fatal condition ends the process in its place. */
 ZEL_API void __ZelSetExitHandler(ZelExitHook hook);
 
 /* Calls the exit hook with `code`, then ends the process with exit(-1), whatever the code. */
