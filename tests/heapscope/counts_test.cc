@@ -39,6 +39,7 @@ void ExpectTotalsAreThoseOfTheClasses(const Summary& summary) {
 }
 
 TEST(CountsTest, EveryFunctionIsCountedExactly) {
+  if (!kCountsAreTheProgramsOwn) GTEST_SKIP();
   const Summary counts = CountsOf("each-function");
   EXPECT_EQ((Counts{{"malloc", 2},
                     {"calloc", 1},
@@ -121,6 +122,7 @@ TEST(CountsTest, AllocationsOfExitHandlersAndDestructorsAreSeen) {
 }
 
 TEST(CountsTest, BlocksFromBeforeTheStartCanBeMovedAndFreed) {
+  if (!kCountsAreTheProgramsOwn) GTEST_SKIP();
   const TemporaryDirectory directory;
   const std::string file = directory.File("summary");
   const Outcome outcome = RunCommand(
@@ -134,6 +136,7 @@ TEST(CountsTest, BlocksFromBeforeTheStartCanBeMovedAndFreed) {
 }
 
 TEST(CountsTest, AProgramThatRunsOutOfMemoryGoesOn) {
+  if (!kCountsAreTheProgramsOwn) GTEST_SKIP();
   const TemporaryDirectory directory;
   const std::string file = directory.File("summary");
   const Outcome outcome = RunCommand(UnderHeapscope({"-o", file}, {SUBJECT, "run-out-of-memory"}));

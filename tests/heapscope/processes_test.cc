@@ -27,6 +27,7 @@ PartRun RunPart(const std::string& part) {
 }
 
 TEST(ProcessesTest, ForksBesideAllocationsNeitherHangNorMiscount) {
+  if (!kCountsAreTheProgramsOwn) GTEST_SKIP();
   const auto [outcome, summaries] = RunPart("forks");
   EXPECT_FALSE(outcome.timedOut);
   EXPECT_EQ(0, ExitStatus(outcome)) << outcome.errors;

@@ -28,6 +28,14 @@ Command UnderHeapscope(const std::vector<std::string>& options,
 // The exit status of a program that exited; below 0, how else it ended.
 int ExitStatus(const Outcome& outcome);
 
+// False when programs under heapscope allocate more than they would by themselves.
+inline constexpr bool kCountsAreTheProgramsOwn =
+#ifdef PROGRAMS_ALLOCATE_MORE
+    false;
+#else
+    true;
+#endif
+
 // A directory that is there as long as the object.
 class TemporaryDirectory {
  public:
