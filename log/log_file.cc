@@ -103,7 +103,9 @@ LogFileHold::LogFileHold(ZelXmlFile* file, uint64_t self) : file_(file) {
   if constexpr (kDebugChecks) NoteLockWanted(&file->lock, LockRank::kLogFile);
   if (IsEndingProcess(self)) [[unlikely]] {
     const Deadline deadline(kPatienceMs);
-    while (!TryToAcquireSpinLock(&file->lock, 1, self)) {
+    // As many looks between yields as everybody else has: with fewer, threads that log without a
+    // pause would keep the lock among themselves.
+    while (!TryToAcquireSpinLock(&file->lock, file->lock.spinCount, self)) {
       if (deadline.HasPassed()) {
         if constexpr (kDebugChecks) NoteLockReleased(&file->lock);
         file_ = nullptr;

@@ -90,9 +90,10 @@ uint32_t __ZelXMLReopenFile(ZelXmlFile* file) {
   FILE* const stream = __ZelFopen(file->path, "a", nullptr);
   if (stream == nullptr) return 0;
   // The old stream is abandoned, with its buffer. To close it would close its descriptor's number,
-  // which may be another file of the host's by now.
+  // which may be another file of the host's by now. The new one does with the buffer that it makes
+  // itself: the caller may hold the log file's lock, under which the allocator must not be asked.
   file->stream = stream;
-  EnlargeBuffer(file);
+  file->streamBuffer = nullptr;
   return 1;
 }
 

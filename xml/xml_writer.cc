@@ -11,7 +11,8 @@ ZelXmlWriter::~ZelXmlWriter() {
 }
 
 bool ZelXmlWriter::create(const char* path, bool append) {
-  if (file_ != nullptr) close();
+  // Without a file too: elements that were started then must not end in the next one.
+  close();
   __ZelXMLCloseFile(&file_);
   file_ = __ZelXMLCreateFile(path, append ? 1 : 0);
   return file_ != nullptr;
