@@ -1,5 +1,5 @@
-// The calls that log, and the question whether there is a log: what the rest of the library knows of
-// it, kept apart from the log itself so that a test can put another in its place.
+// The calls that log, and the question whether there is a log: what the rest of the library knows
+// of it, kept apart from the log itself so that a test can put another in its place.
 
 #include <cstdarg>
 

@@ -70,7 +70,7 @@ size_t CountNames(const char* const* names) {
 bool CopyNames(const char* name, const char* const* argumentNames, Message* message) {
   const size_t arguments = CountNames(argumentNames);
   size_t size = (arguments + 1) * sizeof(char*) + std::strlen(name) + 1;
-  for (size_t i = 0; i < arguments; ++i) size += std::strlen(argumentNames[i]) + 1;
+  for (auto* from = argumentNames; *from != nullptr; ++from) size += std::strlen(*from) + 1;
   void* const block = __ZelMallocInternal(size);
   if (block == nullptr) return false;
 
@@ -82,7 +82,7 @@ bool CopyNames(const char* name, const char* const* argumentNames, Message* mess
     text += length;
     return copy;
   };
-  for (size_t i = 0; i < arguments; ++i) names[i] = append(argumentNames[i]);
+  for (size_t i = 0; argumentNames[i] != nullptr; ++i) names[i] = append(argumentNames[i]);
   names[arguments] = nullptr;
   message->argumentNames = names;
   message->name = append(name);

@@ -23,7 +23,7 @@ need_packages() {
 }
 
 BUILD_PACKAGES=(g++ cmake ninja-build libboost-dev)
-TEST_PACKAGES=(libgtest-dev pkg-config git python3)
+TEST_PACKAGES=(libgtest-dev pkg-config git python3 libxml2-utils)
 BENCHMARK_PACKAGES=(libbenchmark-dev)
 LINT_PACKAGES=(clang-format clang-tidy git)
 

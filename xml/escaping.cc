@@ -21,7 +21,7 @@ constexpr size_t kMaxEscaped = kXmlTextSize - 1;
 constexpr uint8_t kEnd = 0xFF;
 constexpr std::array<uint8_t, 256> kKinds = [] {
   std::array<uint8_t, 256> kinds = {};
-  for (uint8_t i = 0; i < std::size(kEntities); ++i) {
+  for (size_t i = 0; i < std::size(kEntities); ++i) {
     kinds[static_cast<unsigned char>(kEntities[i].character)] = static_cast<uint8_t>(i + 1);
   }
   kinds[0] = kEnd;
