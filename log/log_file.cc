@@ -21,6 +21,7 @@ constexpr const char* kDefaultPath = "zellog.log";
 constexpr int64_t kPatienceMs = 500;  // of a thread that ends the process
 
 constinit ZelXmlFile* g_logFile = nullptr;
+constinit ZelXmlFile* g_newestLogFile = nullptr;  // leads to all there have been
 constinit uint32_t g_wasCreated = 0;
 constinit uint64_t g_creator = kNoOwner;  // the creation flag: who has taken it
 
@@ -79,6 +80,10 @@ bool CreateLogFileHeld(const char* sourceName, const char* path, bool append, ui
         .FinishTag();
   }
   StoreRelease(g_logFile, file);
+  if (file != nullptr) {
+    file->earlier = g_newestLogFile;
+    g_newestLogFile = file;
+  }
   if (file != nullptr) StoreRelease(g_wasCreated, 1);
   return file != nullptr;
 }

@@ -22,6 +22,7 @@ struct ZelXmlFile {
   ZelSpinLock lock;
   char text[kXmlTextSize];  // where comments are formatted
   char* streamBuffer;       // the stream's; null when it has its own
+  ZelXmlFile* earlier;      // of a log file: the one before it
 };
 
 namespace zelrt {

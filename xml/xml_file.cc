@@ -77,6 +77,7 @@ ZelXmlFile* __ZelXMLCreateFile(const char* path, uint32_t append) {
   file->stream = stream;
   file->path = ownPath;
   file->owner = 0;
+  file->earlier = nullptr;
   file->depth = append != 0 ? 1 : 0;
   __ZelInitializeSpinLockAndSpinCount(&file->lock, kSpinCount);
   EnlargeBuffer(file);
