@@ -24,6 +24,7 @@ constinit ZelXmlFile* g_logFile = nullptr;
 constinit ZelXmlFile* g_newestLogFile = nullptr;  // leads to all there have been
 constinit uint32_t g_wasCreated = 0;
 constinit uint64_t g_creator = kNoOwner;  // the creation flag: who has taken it
+constinit uint32_t g_enderWaits = 0;  // the thread that ends the process wants a log file's lock
 
 class Deadline {
  public:
@@ -38,6 +39,15 @@ class Deadline {
   }
   const int64_t end_;
 };
+
+// Waits, for some time, until the thread that ends the process has got the lock of its log file.
+// Threads that log without a pause would keep that among themselves.
+void GiveWayToEnder() {
+  const Deadline deadline(kPatienceMs);
+  while (LoadRelaxed(g_enderWaits) != 0 && !deadline.HasPassed()) __ZelYield();
+  // The ender has given up by now, or a fork has left it behind.
+  StoreRelaxed(g_enderWaits, 0);
+}
 
 // Holds the creation flag, where that can be had.
 class CreationHold {
@@ -108,17 +118,20 @@ LogFileHold::LogFileHold(ZelXmlFile* file, uint64_t self) : file_(file) {
   if constexpr (kDebugChecks) NoteLockWanted(&file->lock, LockRank::kLogFile);
   if (IsEndingProcess(self)) [[unlikely]] {
     const Deadline deadline(kPatienceMs);
-    // As many looks between yields as everybody else has: with fewer, threads that log without a
-    // pause would keep the lock among themselves.
     while (!TryToAcquireSpinLock(&file->lock, file->lock.spinCount, self)) {
       if (deadline.HasPassed()) {
         if constexpr (kDebugChecks) NoteLockReleased(&file->lock);
         file_ = nullptr;
-        return;
+        break;
       }
+      StoreRelaxed(g_enderWaits, 1);
       __ZelYield();
     }
+    StoreRelaxed(g_enderWaits, 0);
+    if (file_ == nullptr) return;
   } else {
+    if (LoadRelaxed(g_enderWaits) != 0 && !IsSpinLockHeldBy(&file->lock, self)) [[unlikely]]
+      GiveWayToEnder();
     AcquireSpinLock(&file->lock, self);
   }
   RecordXmlFileOwner(file, self);
