@@ -8,6 +8,7 @@
 #include "zelrt/atomics.h"
 #include "zelrt/base.h"
 #include "zelrt/files.h"
+#include "zelrt/hash_table.h"
 #include "zelrt/locks.h"
 #include "zelrt/log.h"
 #include "zelrt/memory.h"
