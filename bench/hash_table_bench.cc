@@ -108,23 +108,29 @@ struct Setting {
   bool operator==(const Setting&) const = default;
 };
 
-// In random order. Those behind `count` are in no map.
+// All in random order. The keys that a map is filled with are looked up in another one: entries
+// that were made one after the other lie side by side.
 struct KeySet {
-  explicit KeySet(const Setting& setting) : present(setting.count), absent(kAbsent) {
+  explicit KeySet(const Setting& setting) {
     std::mt19937_64 random(setting.count);
+    std::vector<uint64_t> all(setting.count + kAbsent);
     if (setting.keys == Keys::kRandom) {
-      for (auto* keys : {&present, &absent}) std::generate(keys->begin(), keys->end(), random);
+      std::generate(all.begin(), all.end(), random);
     } else {
-      std::vector<uint64_t> all(present.size() + absent.size());
       for (uint64_t i = 0; i < all.size(); ++i) all[i] = 0x7f00'0000'0000 + (i << kAddressBits);
       std::shuffle(all.begin(), all.end(), random);
-      std::copy_n(all.begin(), present.size(), present.begin());
-      std::copy_n(all.end() - kAbsent, kAbsent, absent.begin());
     }
+    inserted.assign(all.begin() + kAbsent, all.end());
+    absent.assign(all.begin(), all.begin() + kAbsent);
+    present = inserted;
+    std::shuffle(present.begin(), present.end(), random);
+    present.resize(std::min<size_t>(present.size(), kMaxPresent));
   }
 
   static constexpr uint32_t kAbsent = 1 << 12;
-  std::vector<uint64_t> present;
+  static constexpr uint32_t kMaxPresent = 1 << 21;
+  std::vector<uint64_t> inserted;
+  std::vector<uint64_t> present;  // of those inserted
   std::vector<uint64_t> absent;
 };
 
@@ -167,7 +173,7 @@ class Kept {
     using Clock = std::chrono::steady_clock;
     const Clock::time_point start = Clock::now();
     const auto map = std::make_shared<Map>();
-    for (const uint64_t key : keys_.present) map->Insert(key);
+    for (const uint64_t key : keys_.inserted) map->Insert(key);
     const std::chrono::duration<double, std::nano> taken = Clock::now() - start;
     return built_[typeid(Map)] = {map, taken.count() / setting_.count};
   }
@@ -224,7 +230,7 @@ void Build(benchmark::State& state, const Setting& setting) {
   const KeySet& keys = Kept::For(setting).TheKeys();
   while (state.KeepRunningBatch(setting.count)) {
     Map map;
-    for (const uint64_t key : keys.present) map.Insert(key);
+    for (const uint64_t key : keys.inserted) map.Insert(key);
   }
 }
 
@@ -246,7 +252,7 @@ class SharedWork {
  public:
   explicit SharedWork(uint32_t changesPerHundred)
       : changeEvery_(changesPerHundred > 0 ? 100 / changesPerHundred : 0) {
-    for (const uint64_t key : keys_.present) map_.Insert(key);
+    for (const uint64_t key : keys_.inserted) map_.Insert(key);
   }
 
   void Do(uint32_t thread, uint32_t operations) {

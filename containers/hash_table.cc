@@ -167,18 +167,31 @@ inline Place Search(ZelHashBucket* bucket, IsMatch isMatch) {
   return Search(bucket, [=](uint64_t stored) { return leaf->keyEquals(stored, key) != 0; });
 }
 
+inline Place FindEqual(ZelHashBucket* bucket, uint64_t key) {
+  return Search(bucket, [=](uint64_t stored) { return stored == key; });
+}
+
 // Where the key's entry is; the end of the chain when there is none.
 inline Place Find(const ZelHashTable* leaf, ZelHashBucket* bucket, uint64_t key) {
   if (HasKeyCallbacks(leaf)) [[unlikely]]
     return FindByCallback(leaf, bucket, key);
-  return Search(bucket, [=](uint64_t stored) { return stored == key; });
+  return FindEqual(bucket, key);
 }
 
-// Asks for the first entry, which may vanish this moment, while the bucket's lock is being taken: a
-// search waits for that long enough.
+// Asks for a lock's cache line as its writer will need it: not for a copy first, and then once
+// more.
+inline void PrefetchLock(const ZelSharedExclusiveLock* lock) {
+  asm volatile("prefetchw %0" : : "m"(*lock));
+}
+
+// Asks for what a search needs while the bucket's lock is being taken, which is long enough. The
+// first entry may vanish this moment: it is not touched.
 template <typename Access>
-inline void PrefetchEntry(const ZelHashBucket* bucket) {
-  if constexpr (Access::kLocks) __builtin_prefetch(LoadRelaxed(bucket->chain.entries));
+inline void PrefetchSearch(const ZelHashBucket* bucket) {
+  if constexpr (Access::kLocks) {
+    PrefetchLock(&bucket->lock);
+    __builtin_prefetch(LoadRelaxed(bucket->chain.entries));
+  }
 }
 
 // Consistency -------------------------------------------------------------------------------------
@@ -243,24 +256,21 @@ ZelHashTable* MakeSubTable(const ZelHashTable* parent) {
 
 bool IsTable(const ZelHashTable* table) { return table != nullptr && table != BeingCreated(); }
 
-// Whoever finds a leaf needs its beginning, and waits first for its level, further on.
-inline ZelHashTable* Found(ZelHashTable* below) {
-  __builtin_prefetch(below);
+// One step down. Who comes to a leaf waits first for its level, and then needs its lock, which may
+// lie in another cache line.
+inline ZelHashTable* StepDown(const ZelHashTable* table, ZelHashTable* below) {
+  if (table->level == 1) PrefetchLock(&below->lock);
   return below;
-}
-
-[[gnu::noinline]] ZelHashTable* Descend(ZelHashTable* table, uint64_t key) {
-  do {
-    ZelHashTable* const below = LoadAcquire(BucketOf(table, key)->chain.table);
-    if (!IsTable(below)) return nullptr;
-    table = Found(below);
-  } while (table->level > 0);
-  return table;
 }
 
 // The leaf that serves the key; null when there is none yet.
 inline ZelHashTable* FindLeaf(ZelHashTable* table, uint64_t key) {
-  return table->level == 0 ? table : Descend(table, key);
+  while (table->level > 0) {
+    ZelHashTable* const below = LoadAcquire(BucketOf(table, key)->chain.table);
+    if (!IsTable(below)) return nullptr;
+    table = StepDown(table, below);
+  }
+  return table;
 }
 
 ZelHashTable* FindOrCreateLeaf(ZelHashTable* table, uint64_t key) {
@@ -269,7 +279,7 @@ ZelHashTable* FindOrCreateLeaf(ZelHashTable* table, uint64_t key) {
     ZelHashTable* below = LoadAcquire(place);
     if (!IsTable(below)) [[unlikely]]
       below = ProvideSubTable(table, place);
-    table = Found(below);
+    table = StepDown(table, below);
   }
   return table;
 }
@@ -318,11 +328,11 @@ void ReleaseKey(const ZelHashTable* leaf, const ZelHashEntry* entry) {
 // Hands the key's data item to `use` while nobody can remove it, and returns it; null when there is
 // none.
 template <typename Access, typename Use>
-[[gnu::noinline]] void* UseInLeaf(ZelHashTable* leaf, uint64_t key, Access access, Use use) {
+inline void* UseInLeaf(ZelHashTable* leaf, uint64_t key, Access access, Use use) {
   const SharedHold tableHold(&leaf->lock, access);
   if (leaf->count < 1) return nullptr;
   ZelHashBucket* const bucket = LeafBucketOf(leaf, key);
-  PrefetchEntry<Access>(bucket);
+  PrefetchSearch<Access>(bucket);
   const SharedHold bucketHold(&bucket->lock, access);
   const ZelHashEntry* const entry = Find(leaf, bucket, key).entry;
   if (entry == nullptr) return nullptr;
@@ -336,7 +346,7 @@ template <typename Access, typename Use>
 inline bool FindStored(ZelHashTable* leaf, uint64_t key, UnderLocks access, void** data) {
   const SharedHold tableHold(&leaf->lock, access);
   ZelHashBucket* const bucket = LeafBucketOf(leaf, key);
-  PrefetchEntry<UnderLocks>(bucket);
+  PrefetchSearch<UnderLocks>(bucket);
   const ExclusiveHold bucketHold(&bucket->lock, access);
   const ZelHashEntry* const entry = Find(leaf, bucket, key).entry;
   if (entry == nullptr) return false;
@@ -371,7 +381,7 @@ template <typename Access>
   {
     const SharedHold tableHold(&leaf->lock, access);
     ZelHashBucket* const bucket = LeafBucketOf(leaf, key);
-    PrefetchEntry<Access>(bucket);
+    PrefetchSearch<Access>(bucket);
     const ExclusiveHold bucketHold(&bucket->lock, access);
     const auto [link, entry] = Find(leaf, bucket, key);
     if (entry == nullptr) return nullptr;
@@ -449,6 +459,29 @@ uint32_t Scan(ZelHashTable* table, const IsToGo& isToGo, uint32_t* outCount) {
 }
 
 // Whole tables ------------------------------------------------------------------------------------
+
+// A leaf without locks and key callbacks. A lookup in one does nothing but what it must.
+inline bool IsPlainLeaf(const ZelHashTable* table) {
+  constexpr uint32_t kMask = ZEL_HASH_FLAG_NO_LOCKING | ZEL_HASH_FLAG_KEY_CALLBACKS;
+  return table->level == 0 && (table->flags & kMask) == ZEL_HASH_FLAG_NO_LOCKING;
+}
+
+inline void* LookUpInPlainLeaf(const ZelHashTable* leaf, uint64_t key, uint64_t hash) {
+  if (leaf->count < 1) return nullptr;
+  const ZelHashEntry* const entry = FindEqual(BucketOfHash(leaf, hash), key).entry;
+  return entry != nullptr ? entry->data : nullptr;
+}
+
+// Apart from the above, which has no call to save registers for.
+[[gnu::noinline]] void* HashAndLookUpInPlainLeaf(const ZelHashTable* leaf, uint64_t key) {
+  return LookUpInPlainLeaf(leaf, key, leaf->hashFunctions[0](leaf, key));
+}
+
+[[gnu::noinline]] void* LookUp(ZelHashTable* table, uint64_t key) {
+  ZelHashTable* const leaf = FindLeaf(table, key);
+  if (leaf == nullptr) return nullptr;
+  return WithAccess(leaf, [&](auto access) { return UseInLeaf(leaf, key, access, [](void*) {}); });
+}
 
 // What ownerValue returns is what the locks know the thread by.
 template <typename Acquire, typename OwnerValue>
@@ -553,9 +586,9 @@ void __ZelDestroyHashTable(ZelHashTable* table, ZelHashFreeData freeData) {
 }
 
 void* __ZelLookupHashTable(ZelHashTable* table, uint64_t key) {
-  ZelHashTable* const leaf = FindLeaf(table, key);
-  if (leaf == nullptr) return nullptr;
-  return WithAccess(leaf, [&](auto access) { return UseInLeaf(leaf, key, access, [](void*) {}); });
+  if (!IsPlainLeaf(table)) return LookUp(table, key);
+  if (table->hashFunctions[0] != HashOfLeaf) return HashAndLookUpInPlainLeaf(table, key);
+  return LookUpInPlainLeaf(table, key, key);
 }
 
 void* __ZelInsertHashTableEntry(ZelHashTable* table, uint64_t key, void* data) {

@@ -80,6 +80,31 @@ static void CallMemory(void) {
   __ZelFree(block);
 }
 
+static uint32_t Acquire(void* data) { return *(uint32_t*)data; }
+static uint32_t AcquireTid(void* data, uint32_t tid) { return *(uint32_t*)data + tid; }
+static uint32_t Visit(void* data, void* context) { return data == context ? 1 : 0; }
+static uint64_t HashOf(const ZelHashTable* table, uint64_t key) {
+  return table != NULL ? key >> 4 : 0;
+}
+
+static void CallHashTable(void) {
+  const ZelHashFunction hashes[2] = {HashOf, NULL};
+  ZelHashTable* const table = __ZelCreateHashTable(0, hashes, 2, NULL, NULL, 1, 0);
+  uint32_t item = 5;
+  CHECK(__ZelInsertHashTableEntry(table, UINT64_C(1) << 63, &item) == &item);
+  CHECK(__ZelLookupHashTable(table, UINT64_C(1) << 63) == &item);
+  void* data = NULL;
+  CHECK(__ZelLookupAndAcquireHashTableDataItem(table, UINT64_C(1) << 63, Acquire, &data) == 5);
+  CHECK(__ZelLookupAndAcquireHashTableDataItemTid(table, UINT64_C(1) << 63, AcquireTid, &data, 7) ==
+        12);
+  CHECK(data == &item);
+  uint32_t count = 0;
+  CHECK(__ZelScanHashTable(table, Visit, &item, 0, Acquire, &count) == 0 && count == 1);
+  CHECK(__ZelRemoveHashTableEntry(table, UINT64_C(1) << 63) == &item);
+  CHECK(__ZelScanAndEmptyHashTable(table, NULL, &count) == 0 && count == 0);
+  __ZelDestroyHashTable(table, NULL);
+}
+
 static void CallPlatform(void) {
   CHECK(__ZelGetNativePageSize() == (uint32_t)sysconf(_SC_PAGESIZE));
   unsigned int registers[4] = {0};
@@ -138,6 +163,7 @@ int main(void) {
   CallAtomics();
   CallLocks();
   CallMemory();
+  CallHashTable();
   CallPlatform();
   CallLog();
   CallFilesAndXml();

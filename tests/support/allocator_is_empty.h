@@ -1,4 +1,3 @@
-// Whether everything that came from the allocator has been given back.
 #pragma once
 
 #include "memory/internal.h"
@@ -6,19 +5,14 @@
 
 namespace zeltest {
 
-// For tests that installed the fake backing pair: true when that has nothing out but the bucket
-// table, and empty pages that the allocator keeps.
+// Whether the fake backing pair has nothing out but the bucket table, and pages without a block in
+// use, which the allocator keeps.
 inline bool AllocatorIsEmpty() {
   size_t keptPages = 0;
-  for (uint32_t category = 0; category < zelrt::kMaxCategories; ++category) {
-    for (uint32_t units = 1; units <= zelrt::kMaxUnits; ++units) {
-      const zelrt::ZelSizeClassBucket* const bucket = zelrt::FindBucket(category, units);
-      const zelrt::ZelAllocatorPage* page = bucket != nullptr ? bucket->pages : nullptr;
-      for (; page != nullptr; page = page->next) {
-        if (page->freeCount != page->capacity) return false;
-        ++keptPages;
-      }
-    }
+  for (uint32_t i = 0; i < zelrt::kMaxCategories * zelrt::kMaxUnits; ++i) {
+    const auto* bucket = zelrt::FindBucket(i / zelrt::kMaxUnits, i % zelrt::kMaxUnits + 1);
+    for (auto* page = bucket ? bucket->pages : nullptr; page != nullptr; page = page->next)
+      keptPages += page->freeCount == page->capacity ? 1 : 0;
   }
   return backing::LiveBlocks() == 1 + keptPages;
 }
