@@ -7,11 +7,11 @@
  *   __ZelDestroyHashTable(blocks, FreeBlock);
  *
  * Chained buckets; one allocation for each key. A table of one level is a leaf: it doubles when it
- * is to hold two keys more than it has buckets, and never shrinks. Above it there may be one or two
- * levels that spread the keys over leaves, each with a lock and a growth of its own, so that busy
- * regions do not hold each other up. These levels never grow; a part of them comes into being when
- * a key is first inserted there, and stays. An empty table of three levels with 256 buckets a level
- * takes 10 KB, each region that is in use 10 KB more.
+ * is to hold two keys more than it has buckets, never shrinks, and takes 2^30 keys. Above it there
+ * may be one or two levels that spread the keys over leaves, each with a lock and a growth of its
+ * own, so that busy regions do not hold each other up. These levels never grow; a part of them
+ * comes into being when a key is first inserted there, and stays. An empty table of three levels
+ * with 256 buckets a level takes 10 KB, each region that is in use 10 KB more.
  *
  * Lookups cost a hash, a bucket and a chain of about one entry a level, and no allocation. In a
  * locking table they add two shared locks, the leaf's and the bucket's, and one call of the
@@ -25,7 +25,7 @@
  *   scans                             everything but destroy; a leaf that is in use is passed over
  *
  * Callbacks must not throw. What runs under which lock, and may call what of the same table:
- *   hash functions     under none, or the leaf's and the bucket's    nothing
+ *   hash functions     none, or the leaf's                           nothing
  *   keyEquals          the leaf's and the bucket's                   nothing
  *   keyRelease         the leaf's exclusively, or the leaf's shared  nothing
  *                      and the bucket's exclusively; none in destroy
