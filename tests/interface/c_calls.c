@@ -133,6 +133,23 @@ static void CallFilesAndXml(void) {
   rmdir(folder);
 }
 
+static int32_t CompareDescending(uint64_t a, uint64_t b) { return (a < b) - (a > b); }
+static uint64_t g_freedKey;
+static void NoteKey(uint64_t key) { g_freedKey = key; }
+
+static void CallRedBlackTree(void) {
+  ZelRedBlackTree* const tree = __ZelCreateRedBlackTree(1, CompareDescending, NULL, NoteKey);
+  uint64_t key = UINT64_C(5) << 60;
+  __ZelInsertRedBlackEntry(tree, key, tree);
+  const ZelRedBlackNode* const node = __ZelGetRedBlackRangeStart(tree, UINT64_MAX, 0);
+  void* item = NULL;
+  CHECK(__ZelGetRedBlackItem(node, &item) == 1 && item == tree);
+  CHECK(__ZelGetRedBlackKey(node, &key) == 1 && key == UINT64_C(5) << 60);
+  CHECK(__ZelGetRedBlackRangeNext(node, 0) == NULL && __ZelValidateRedBlack(tree) == 1);
+  __ZelDestroyRedBlackTree(tree);
+  CHECK(g_freedKey == key);
+}
+
 int main(void) {
   CallRuntime();
   CallAtomics();
@@ -141,5 +158,6 @@ int main(void) {
   CallPlatform();
   CallLog();
   CallFilesAndXml();
+  CallRedBlackTree();
   return g_failures == 0 ? 0 : 1;
 }
