@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "containers/red_black_tree.h"
+#include "tests/support/allocator_is_empty.h"
 #include "tests/support/fake_backing.h"
-#include "tests/support/leftovers.h"
 
 namespace {
 
@@ -136,7 +136,7 @@ class TreeAndModel {
 class RedBlackTreeTest : public testing::Test {
  protected:
   void SetUp() override { zeltest::backing::Install(); }
-  void TearDown() override { EXPECT_TRUE(zeltest::AllBlocksAreFree()); }
+  void TearDown() override { EXPECT_TRUE(zeltest::AllocatorIsEmpty()); }
 };
 
 // Few keys make long runs of equal ones; many make the tree deep. It grows and empties in turns.
