@@ -13,6 +13,7 @@
 #include "zelrt/memory.h"
 #include "zelrt/platform.h"
 #include "zelrt/processes.h"
+#include "zelrt/range_table.h"
 #include "zelrt/red_black_tree.h"
 #include "zelrt/runtime.h"
 #include "zelrt/xml.h"

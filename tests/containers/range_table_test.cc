@@ -1,0 +1,289 @@
+#include "zelrt/range_table.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "containers/hash_table.h"
+#include "containers/range_table.h"
+#include "tests/support/allocator_is_empty.h"
+#include "tests/support/fake_backing.h"
+
+namespace {
+
+constexpr uint64_t kTop = ~uint64_t{0};
+constexpr uint64_t kMiddle = uint64_t{1} << 63;
+constexpr uint32_t kCategory = 9;
+constexpr uint32_t kAllocFlags = 2;
+constexpr uint32_t kShared = 0;
+constexpr uint32_t kUnshared = ZEL_RANGE_FLAG_UNSHARED_BLOCKS;
+
+using Released = std::vector<uintptr_t>;
+Released g_released;
+void NoteReleased(void* data) { g_released.push_back(reinterpret_cast<uintptr_t>(data)); }
+Released TakeReleased() {
+  std::sort(g_released.begin(), g_released.end());
+  return std::exchange(g_released, {});
+}
+
+ZelRangeTable* Create(uint64_t maxRangeSize, uint32_t flags) {
+  return __ZelCreateRangeTable(maxRangeSize, kCategory, kAllocFlags, flags, NoteReleased);
+}
+
+struct Range {
+  uint64_t start;
+  uint64_t end;
+  uintptr_t data;
+
+  bool operator==(const Range& other) const = default;
+  bool Overlaps(uint64_t low, uint64_t high) const { return start < high && low < end; }
+};
+
+// Applies each change to a table and to a list of intervals, and compares what they answer. With
+// unshared blocks, the bounds of a range count as if they were those of its first and last block.
+class TableAndModel {
+ public:
+  TableAndModel(uint64_t maxRangeSize, uint32_t flags)
+      : table_(Create(maxRangeSize, flags)), isUnshared_(flags == kUnshared) {}
+  ~TableAndModel() {
+    Empty();
+    __ZelDestroyRangeTable(table_);
+  }
+
+  bool IsEmpty() const { return model_.empty(); }
+  const Range& Some(uint32_t random) const { return model_[random % model_.size()]; }
+
+  void Insert(uint64_t start, uint64_t end) {
+    if (start >= end || !Touching(start, end).empty()) return;
+    model_.push_back({start, end, ++items_});
+    __ZelInsertRangeTableEntry(table_, start, end, reinterpret_cast<void*>(items_));
+  }
+  void Destroy(Range range) {
+    std::erase(model_, range);
+    __ZelDestroyRangeTableEntry(table_, range.start, range.end);
+    ASSERT_EQ(Released{range.data}, TakeReleased());
+  }
+  void Remove(Range range) {
+    std::erase(model_, range);
+    __ZelRemoveRangeTableEntry(table_, range.start, range.end);
+    ASSERT_EQ(Released{}, TakeReleased());
+  }
+  // Which of several ranges goes is left open as far as it is; none may be left out.
+  void RemoveFirst(uint64_t low, uint64_t high) {
+    const auto data =
+        reinterpret_cast<uintptr_t>(__ZelRemoveFirstRangeTableEntry(table_, low, high));
+    ASSERT_EQ(Released{}, TakeReleased());
+    const auto removed = std::find_if(model_.begin(), model_.end(),
+                                      [data](const Range& range) { return range.data == data; });
+    ASSERT_EQ(data != 0, removed != model_.end());
+    for (const Range& range : model_) {
+      const bool liesWithin = low <= range.start && range.end <= high;
+      ASSERT_TRUE(!liesWithin || (data != 0 && removed->start / 32 <= range.start / 32));
+    }
+    if (data == 0) return;
+    const std::vector<Range> candidates = Touching(low & ~uint64_t{31}, high);
+    ASSERT_EQ(1, std::count(candidates.begin(), candidates.end(), *removed)) << removed->start;
+    model_.erase(removed);
+  }
+  void DestroySpan(uint64_t start, uint64_t length) {
+    const uint64_t end = length > kTop - start ? kTop : start + length;
+    uint64_t expectedStart = start;
+    uint64_t expectedEnd = end;
+    Released expected;
+    for (const Range& range : Touching(start, end)) {
+      expectedStart = std::min(expectedStart, range.start);
+      expectedEnd = std::max(expectedEnd, range.end);
+      expected.push_back(range.data);
+      std::erase(model_, range);
+    }
+    std::sort(expected.begin(), expected.end());
+    uint64_t extentStart, extentEnd;
+    __ZelDestroyRangeTableSpan(table_, start, length, &extentStart, &extentEnd);
+    ASSERT_EQ(expected, TakeReleased()) << start << " + " << length;
+    ASSERT_EQ(expectedStart, extentStart);
+    ASSERT_EQ(expectedEnd, extentEnd);
+  }
+  void Empty() {
+    Released expected;
+    for (const Range& range : model_) expected.push_back(range.data);
+    model_.clear();
+    __ZelScanAndEmptyRangeTable(table_);
+    std::sort(expected.begin(), expected.end());
+    ASSERT_EQ(expected, TakeReleased());
+  }
+
+  void ExpectSame() const {
+    ASSERT_TRUE(zelrt::RangeTableIsConsistent(table_));
+    for (const Range& range : model_) {
+      for (const uint64_t edge :
+           {range.start, range.end, range.start & ~uint64_t{31}, range.end | 31}) {
+        ExpectSameAt(edge);
+        ExpectSameAt(edge - 1);
+      }
+    }
+  }
+  void ExpectSameAt(uint64_t address) const {
+    // As an interval, the last byte of the address space would end behind it.
+    const std::vector<Range> found = address < kTop || isUnshared_
+                                         ? Touching(address, address + (address < kTop))
+                                         : std::vector<Range>();
+    const Range expected = found.empty() ? Range{0, 0, 0} : found.front();
+    uint64_t start, end;
+    void* const data = __ZelLookupRangeTable(table_, address, &start, &end);
+    ASSERT_EQ(expected, (Range{start, end, reinterpret_cast<uintptr_t>(data)})) << address;
+  }
+
+ private:
+  std::vector<Range> Touching(uint64_t low, uint64_t high) const {
+    std::vector<Range> touching;
+    for (const Range& range : model_) {
+      const bool touches = isUnshared_ ? range.start / 32 <= (high - (high > low)) / 32 &&
+                                             low / 32 <= (range.end - 1) / 32
+                                       : range.Overlaps(low, high);
+      if (touches) touching.push_back(range);
+    }
+    return touching;
+  }
+
+  ZelRangeTable* const table_;
+  const bool isUnshared_;
+  std::vector<Range> model_;
+  uintptr_t items_ = 0;
+};
+
+class RangeTableTest : public testing::Test {
+ protected:
+  void SetUp() override { zeltest::backing::Install(); }
+  void TearDown() override { EXPECT_TRUE(zeltest::AllocatorIsEmpty()); }
+};
+
+// In a window of a few blocks ranges meet all the time.
+void ChangeAtRandom(uint64_t maxRangeSize, uint32_t flags, uint64_t base, uint64_t size) {
+  const uint32_t seed = std::random_device()();
+  SCOPED_TRACE("seed " + std::to_string(seed) + ", flags " + std::to_string(flags) + ", base " +
+               std::to_string(base) + ", maximum " + std::to_string(maxRangeSize));
+  std::mt19937 random(seed);
+  TableAndModel both(maxRangeSize, flags);
+  for (int step = 0; step < 1'500 && !testing::Test::HasFatalFailure(); ++step) {
+    const uint64_t low = base + random() % size;
+    const uint64_t room = base + size - low;
+    const uint64_t length = 1 + random() % std::min<uint64_t>(room, 1 + random() % 300);
+    const uint32_t what = random() % 32;
+    if (what < 20 || both.IsEmpty()) {
+      both.Insert(low, std::min(low + length - 1, base + size - 1) + 1);
+    } else if (what < 24) {
+      both.Destroy(both.Some(static_cast<uint32_t>(random())));
+    } else if (what < 26) {
+      both.Remove(both.Some(static_cast<uint32_t>(random())));
+    } else if (what < 28) {
+      both.RemoveFirst(low, std::min(low + length - 1, base + size - 1) + 1);
+    } else if (what < 31) {
+      both.DestroySpan(low, random() % 8 == 0 ? kTop - random() : length);
+    } else if (random() % 16 == 0) {
+      both.Empty();
+    }
+    both.ExpectSame();
+    both.ExpectSameAt(low);
+  }
+}
+
+TEST_F(RangeTableTest, RandomChangesMatchTheModel) {
+  for (const uint64_t maxRangeSize : {0, 64, 300, 1 << 20}) {
+    for (const uint32_t flags : {kShared, kUnshared}) {
+      for (const uint64_t base : {uint64_t{32}, kMiddle - 0x223, kTop - 0x477})
+        ChangeAtRandom(maxRangeSize, flags, base, 0x477);
+    }
+  }
+}
+
+TEST_F(RangeTableTest, RangesAreCutIntoAlignedBlocks) {
+  using Blocks = std::map<uint64_t, int>;  // levels by addresses
+  const struct {
+    uint64_t maxRangeSize, start, end;
+    Blocks blocks;
+  } rows[] = {
+      {1 << 20, 0x1010, 0x1074, {{0x1000, 0}, {0x1020, 0}, {0x1040, 0}, {0x1060, 0}}},
+      {1 << 20, 0x1FE0, 0x3001, {{0x1FE0, 0}, {0x2000, 7}, {0x3000, 0}}},
+      {1 << 20, 0, 0xA0, {{0, 2}, {0x80, 0}}},
+      {0x7F, 0x40, 0x120, {{0x40, 1}, {0x80, 1}, {0xC0, 1}, {0x100, 0}}},
+      {1 << 20, 7, 9, {{0, 0}}},
+      {1 << 20,
+       kTop - 0x60,
+       kTop,
+       {{kTop - 0x7F, 0}, {kTop - 0x5F, 0}, {kTop - 0x3F, 0}, {kTop - 0x1F, 0}}},
+      {1 << 27, kTop - (1 << 27) - 4, kTop - (1 << 27) + 1, {{kTop - (1 << 27) - 31, 0}}},
+  };
+  for (const auto& row : rows) {
+    ZelRangeTable* const table = Create(row.maxRangeSize, kShared);
+    __ZelInsertRangeTableEntry(table, row.start, row.end, table);
+    Blocks blocks;
+    for (int level = 0; level <= table->maxLevelIndex - 4; ++level) {
+      const ZelHashTable* const stored = table->levels[level];
+      for (int32_t i = 0; stored != nullptr && i < stored->bucketCount; ++i) {
+        for (auto* entry = stored->buckets[i].chain.entries; entry; entry = entry->next)
+          blocks.emplace(entry->key, level);
+      }
+    }
+    EXPECT_EQ(row.blocks, blocks) << row.start;
+    __ZelScanAndEmptyRangeTable(table);
+    __ZelDestroyRangeTable(table);
+  }
+}
+
+TEST_F(RangeTableTest, TheMaximumBoundsTheLevels) {
+  const std::pair<uint64_t, int32_t> rows[] = {{0, 4},        {1, 4},        {63, 4},   {64, 5},
+                                               {1 << 20, 19}, {1 << 27, 26}, {kTop, 26}};
+  for (const auto& [maxRangeSize, maxLevelIndex] : rows) {
+    ZelRangeTable* const table = Create(maxRangeSize, 0xF1);
+    EXPECT_EQ(4, table->minLevelIndex);
+    EXPECT_EQ(maxLevelIndex, table->maxLevelIndex) << maxRangeSize;
+    EXPECT_EQ(0x209F1u, table->flags);
+    __ZelInsertRangeTableEntry(table, 0, 32, nullptr);
+    EXPECT_EQ(0x20906u, table->levels[0]->flags);
+    __ZelScanAndEmptyRangeTable(table);
+    __ZelDestroyRangeTable(table);
+  }
+}
+
+// In steps of 32 bytes these would take years.
+TEST_F(RangeTableTest, WalksPassOverEmptyStretches) {
+  TableAndModel both(1 << 20, kShared);
+  const uint64_t starts[] = {0x1000, 0x1FF0, uint64_t{1} << 40, kMiddle - 8, kTop - 100};
+  for (const uint64_t start : starts) both.Insert(start, start + 100);
+  for (int left = 6; left > 0; --left) both.RemoveFirst(5, kTop);
+  EXPECT_TRUE(both.IsEmpty());
+  for (const uint64_t start : starts) both.Insert(start, start + 100);
+  both.DestroySpan(0x2000, kTop);
+  both.ExpectSame();
+  both.DestroySpan(0, kMiddle);
+  EXPECT_TRUE(both.IsEmpty());
+}
+
+TEST_F(RangeTableTest, SpansMeetEmptinessAndAddressZero) {
+  ZelRangeTable* const table = Create(1 << 20, kShared);
+  const auto destroySpan = [table](uint64_t start, uint64_t length) {
+    uint64_t extentStart, extentEnd;
+    __ZelDestroyRangeTableSpan(table, start, length, &extentStart, &extentEnd);
+    return std::tuple(extentStart, extentEnd, TakeReleased().size());
+  };
+  __ZelInsertRangeTableEntry(table, 0x1010, 0x1020, table);
+  EXPECT_EQ(std::tuple(0x1000, 0x1000, 0), destroySpan(0x1000, 0));
+  EXPECT_EQ(std::tuple(0x1010, 0x1020, 1), destroySpan(0x1018, 0));
+  // A start of 0 is what a lookup reports that finds nothing.
+  __ZelInsertRangeTableEntry(table, 0, 16, table);
+  EXPECT_EQ(std::tuple(8, 16, 0), destroySpan(8, 8));
+  EXPECT_EQ(std::tuple(0, 16, 1), destroySpan(0, 16));
+  __ZelDestroyRangeTable(table);
+}
+
+TEST_F(RangeTableTest, NullTablesAreIgnored) {
+  __ZelInsertRangeTableEntry(nullptr, 1, 2, nullptr);
+  __ZelDestroyRangeTable(nullptr);
+}
+
+}  // namespace
