@@ -67,7 +67,7 @@ int main(int argc, char** argv) {
   std::vector<bench::MeasuredFamily> measured;
   for (const bench::Family& family :
        {bench::Locks(), bench::Allocator(), bench::Footprint(), bench::Xml(), bench::Log(),
-        bench::RedBlackTree()}) {
+        bench::RangeTable(), bench::RedBlackTree()}) {
     bench::MeasuredFamily one = Measure(family, filter);
     if (!one.works.empty()) measured.push_back(std::move(one));
   }

@@ -79,6 +79,7 @@ Family Allocator();
 Family Footprint();
 Family Xml();
 Family Log();
+Family RangeTable();
 Family RedBlackTree();
 
 }  // namespace bench

@@ -40,6 +40,10 @@ using Node = ZelRangeBlockNode;
 // Bit 0x04 means nothing to a hash table.
 constexpr uint32_t kLevelTableFlags = ZEL_HASH_FLAG_NO_LOCKING | 0x04;
 
+// Level tables with no more buckets than this are likely to be in the processor's cache: there it
+// is best to look at one after the other, and to be done when the block is found.
+constexpr int32_t kNearBuckets = 4096;
+
 // Blocks whose chains are looked for together.
 constexpr uint32_t kBatch = 16;
 
@@ -90,9 +94,20 @@ bool IsInUse(const ZelHashTable* levelTable) {
   return levelTable != nullptr && levelTable->count > 0;
 }
 
+bool IsFar(const ZelHashTable* levelTable) {
+  return levelTable != nullptr && levelTable->bucketCount > kNearBuckets;
+}
+
 ZelHashBucket* BucketOf(const ZelHashTable* levelTable, uint32_t level, uint64_t block) {
   const auto mask = static_cast<uint64_t>(levelTable->bucketCount) - 1;
   return &levelTable->buckets[RangeHash(block, level + 1) & mask];
+}
+
+// Asks for the first entry of a chain, if there is one: to ask for address 0 means a search of the
+// page tables, each time.
+void PrefetchChain(const ZelHashBucket* bucket) {
+  const void* const first = bucket->chain.entries;
+  __builtin_prefetch(first != nullptr ? first : bucket);
 }
 
 // What leads to the block's hash entry, or to the end of the chain.
@@ -155,10 +170,8 @@ template <typename OnFound>
   }
 }
 
-// What the largest block leads to that contains the address and is of `level` or below; null when
-// there is none.
-[[gnu::always_inline]] inline void* FindBlock(const Table* table, uint64_t address,
-                                              uint32_t level) {
+// FindBlock where it is worth the effort to wait for all levels' memory together.
+[[gnu::noinline]] void* FindBlockFar(const Table* table, uint64_t address, uint32_t level) {
   struct {
     const ZelHashBucket* bucket;
     uint64_t block;
@@ -177,7 +190,7 @@ template <typename OnFound>
   uint32_t probeCount = 0;
   for (uint32_t i = 0; i < placeCount; ++i) {
     const ZelHashEntry* const first = places[i].bucket->chain.entries;
-    __builtin_prefetch(first);
+    PrefetchChain(places[i].bucket);
     probes[probeCount] = {first, places[i].block};
     probeCount += first != nullptr;
   }
@@ -187,6 +200,21 @@ template <typename OnFound>
     return true;  // larger blocks may still be preferred
   });
   return found;
+}
+
+// What the largest block leads to that contains the address and is of `level` or below; null when
+// there is none.
+[[gnu::always_inline]] inline void* FindBlock(const Table* table, uint64_t address,
+                                              uint32_t level) {
+  for (uint32_t left = level + 1; left > 0; --left) {
+    const ZelHashTable* const levelTable = table->levels[left - 1];
+    if (!IsInUse(levelTable)) continue;
+    if (IsFar(levelTable)) return FindBlockFar(table, address, left - 1);
+    const uint64_t block = BlockAt(left - 1, address);
+    const ZelHashEntry* const entry = *FindLink(BucketOf(levelTable, left - 1, block), block);
+    if (entry != nullptr) return entry->data;
+  }
+  return nullptr;
 }
 
 const Entry* EntryInList(const Node* node, uint64_t address) {
@@ -231,8 +259,8 @@ inline void ForEachBlock(const Table* table, uint64_t start, uint64_t end, Visit
   }
 }
 
-// The same for a visit that is going to search the blocks' chains: they are brought near first,
-// several blocks' at a time.
+// The same for a visit that is going to search the blocks' chains: those that are far are brought
+// near first, several blocks' at a time.
 template <typename Visit>
 void ForEachChain(const Table* table, uint64_t start, uint64_t end, Visit visit) {
   struct {
@@ -246,10 +274,11 @@ void ForEachChain(const Table* table, uint64_t start, uint64_t end, Visit visit)
     uint32_t probeCount = 0;
     for (uint32_t i = 0; i < count; ++i) {
       const ZelHashTable* const levelTable = table->levels[blocks[i].level];
-      if (!IsInUse(levelTable)) continue;
+      if (!IsFar(levelTable)) continue;
       const auto [level, block] = blocks[i];
-      const ZelHashEntry* const first = BucketOf(levelTable, level, block)->chain.entries;
-      __builtin_prefetch(first);
+      const ZelHashBucket* const bucket = BucketOf(levelTable, level, block);
+      PrefetchChain(bucket);
+      const ZelHashEntry* const first = bucket->chain.entries;
       probes[probeCount] = {first, block};
       probeCount += first != nullptr;
     }
@@ -263,7 +292,7 @@ void ForEachChain(const Table* table, uint64_t start, uint64_t end, Visit visit)
 
   ForEachBlock(table, start, end, [&](uint32_t level, uint64_t block) {
     const ZelHashTable* const levelTable = table->levels[level];
-    if (IsInUse(levelTable)) __builtin_prefetch(&BucketOf(levelTable, level, block)->chain);
+    if (IsFar(levelTable)) __builtin_prefetch(&BucketOf(levelTable, level, block)->chain);
     blocks[count++] = {level, block};
     if (count == kBatch) visitBatch();
   });

@@ -6,7 +6,6 @@
 #include <functional>
 #include <iterator>
 #include <map>
-#include <memory>
 #include <random>
 #include <string>
 #include <vector>
