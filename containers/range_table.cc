@@ -40,8 +40,7 @@ using Node = ZelRangeBlockNode;
 // Bit 0x04 means nothing to a hash table.
 constexpr uint32_t kLevelTableFlags = ZEL_HASH_FLAG_NO_LOCKING | 0x04;
 
-// Level tables with no more buckets than this are likely to be in the processor's cache: there it
-// is best to look at one after the other, and to be done when the block is found.
+// Level tables with no more buckets than this are likely to be in the processor's cache.
 constexpr int32_t kNearBuckets = 4096;
 
 // Blocks whose chains are looked for together.
@@ -103,13 +102,6 @@ ZelHashBucket* BucketOf(const ZelHashTable* levelTable, uint32_t level, uint64_t
   return &levelTable->buckets[RangeHash(block, level + 1) & mask];
 }
 
-// Asks for the first entry of a chain, if there is one: to ask for address 0 means a search of the
-// page tables, each time.
-void PrefetchChain(const ZelHashBucket* bucket) {
-  const void* const first = bucket->chain.entries;
-  __builtin_prefetch(first != nullptr ? first : bucket);
-}
-
 // What leads to the block's hash entry, or to the end of the chain.
 ZelHashEntry** FindLink(ZelHashBucket* bucket, uint64_t block) {
   ZelHashEntry** link = &bucket->chain.entries;
@@ -143,22 +135,21 @@ void UnlinkBlock(ZelHashTable* levelTable, ZelHashEntry** link, uint64_t self) {
 
 // Probes ------------------------------------------------------------------------------------------
 
-// A block that is looked for, and how far the search has come in its chain.
+// A block that is going to be looked for, and how far along its chain memory has been asked for.
 struct Probe {
-  const ZelHashEntry* entry;
+  const ZelHashEntry* entry;  // not null
   uint64_t block;
 };
 
-// Searches the chains in turns, one entry each, so that all wait for memory together. Calls
-// onFound(item) for what is found, and drops the probes behind that one if it returns true.
-template <typename OnFound>
-[[gnu::always_inline]] inline void SearchInTurns(Probe* probes, uint32_t count, OnFound onFound) {
+// Follows the chains in turns, an entry each, so that all wait for memory together, as far as they
+// are going to be searched.
+void BringNear(Probe* probes, uint32_t count) {
   while (count > 0) {
     uint32_t left = 0;
     for (uint32_t i = 0; i < count; ++i) {
       const Probe probe = probes[i];
       if (probe.entry->key == probe.block) {
-        if (onFound(probe.entry->data)) break;
+        __builtin_prefetch(probe.entry->data);
         continue;
       }
       const ZelHashEntry* const next = probe.entry->next;
@@ -170,51 +161,30 @@ template <typename OnFound>
   }
 }
 
-// FindBlock where it is worth the effort to wait for all levels' memory together.
-[[gnu::noinline]] void* FindBlockFar(const Table* table, uint64_t address, uint32_t level) {
-  struct {
-    const ZelHashBucket* bucket;
-    uint64_t block;
-  } places[kMaxLevels];
-  uint32_t placeCount = 0;
-  for (uint32_t left = level + 1; left > 0; --left) {
-    const ZelHashTable* const levelTable = table->levels[left - 1];
-    if (!IsInUse(levelTable)) continue;
-    const uint64_t block = BlockAt(left - 1, address);
-    const ZelHashBucket* const bucket = BucketOf(levelTable, left - 1, block);
-    __builtin_prefetch(&bucket->chain);
-    places[placeCount++] = {bucket, block};
-  }
-
-  Probe probes[kMaxLevels];
-  uint32_t probeCount = 0;
-  for (uint32_t i = 0; i < placeCount; ++i) {
-    const ZelHashEntry* const first = places[i].bucket->chain.entries;
-    PrefetchChain(places[i].bucket);
-    probes[probeCount] = {first, places[i].block};
-    probeCount += first != nullptr;
-  }
-  void* found = nullptr;
-  SearchInTurns(probes, probeCount, [&found](void* item) {
-    found = item;
-    return true;  // larger blocks may still be preferred
-  });
-  return found;
-}
-
-// What the largest block leads to that contains the address and is of `level` or below; null when
-// there is none.
+// What the block leads to that contains the address and is of `level` or below; null when there is
+// none. Ranges do not overlap, so there is one at most.
+//
+// Level 0 has by far the longest chains. Its search begins first, and makes a step each time that
+// another level has been looked at: their cache misses pass while its own are waited for.
 [[gnu::always_inline]] inline void* FindBlock(const Table* table, uint64_t address,
                                               uint32_t level) {
-  for (uint32_t left = level + 1; left > 0; --left) {
-    const ZelHashTable* const levelTable = table->levels[left - 1];
+  const ZelHashTable* const lowest = table->levels[0];
+  const uint64_t lowestBlock = BlockAt(0, address);
+  const ZelHashEntry* entry =
+      IsInUse(lowest) ? BucketOf(lowest, 0, lowestBlock)->chain.entries : nullptr;
+  for (uint32_t upper = level; upper > 0; --upper) {
+    const ZelHashTable* const levelTable = table->levels[upper];
     if (!IsInUse(levelTable)) continue;
-    if (IsFar(levelTable)) return FindBlockFar(table, address, left - 1);
-    const uint64_t block = BlockAt(left - 1, address);
-    const ZelHashEntry* const entry = *FindLink(BucketOf(levelTable, left - 1, block), block);
-    if (entry != nullptr) return entry->data;
+    const uint64_t block = BlockAt(upper, address);
+    const ZelHashEntry* const found = *FindLink(BucketOf(levelTable, upper, block), block);
+    if (found != nullptr) return found->data;
+    if (entry != nullptr) {
+      if (entry->key == lowestBlock) return entry->data;
+      entry = entry->next;
+    }
   }
-  return nullptr;
+  while (entry != nullptr && entry->key != lowestBlock) entry = entry->next;
+  return entry != nullptr ? entry->data : nullptr;
 }
 
 const Entry* EntryInList(const Node* node, uint64_t address) {
@@ -259,40 +229,36 @@ inline void ForEachBlock(const Table* table, uint64_t start, uint64_t end, Visit
   }
 }
 
-// The same for a visit that is going to search the blocks' chains: those that are far are brought
-// near first, several blocks' at a time.
+// The same for a visit that is going to search the blocks' chains. In a table of some size they are
+// brought near first, those of several blocks at a time.
 template <typename Visit>
 void ForEachChain(const Table* table, uint64_t start, uint64_t end, Visit visit) {
+  if (!IsFar(table->levels[0]) && !IsFar(table->levels[LevelForLength(table, end - start)]))
+    return ForEachBlock(table, start, end, visit);
+
   struct {
     uint32_t level;
     uint64_t block;
   } blocks[kBatch];
-  Probe probes[kBatch];
   uint32_t count = 0;
-
   const auto visitBatch = [&] {
+    Probe probes[kBatch];
     uint32_t probeCount = 0;
     for (uint32_t i = 0; i < count; ++i) {
-      const ZelHashTable* const levelTable = table->levels[blocks[i].level];
-      if (!IsFar(levelTable)) continue;
       const auto [level, block] = blocks[i];
-      const ZelHashBucket* const bucket = BucketOf(levelTable, level, block);
-      PrefetchChain(bucket);
-      const ZelHashEntry* const first = bucket->chain.entries;
-      probes[probeCount] = {first, block};
-      probeCount += first != nullptr;
+      if (!IsInUse(table->levels[level])) continue;
+      const ZelHashEntry* const first = BucketOf(table->levels[level], level, block)->chain.entries;
+      if (first == nullptr) continue;
+      __builtin_prefetch(first);
+      probes[probeCount++] = {first, block};
     }
-    SearchInTurns(probes, probeCount, [](void* item) {
-      __builtin_prefetch(item);
-      return false;
-    });
+    BringNear(probes, probeCount);
     for (uint32_t i = 0; i < count; ++i) visit(blocks[i].level, blocks[i].block);
     count = 0;
   };
-
   ForEachBlock(table, start, end, [&](uint32_t level, uint64_t block) {
     const ZelHashTable* const levelTable = table->levels[level];
-    if (IsFar(levelTable)) __builtin_prefetch(&BucketOf(levelTable, level, block)->chain);
+    if (IsInUse(levelTable)) __builtin_prefetch(&BucketOf(levelTable, level, block)->chain);
     blocks[count++] = {level, block};
     if (count == kBatch) visitBatch();
   });

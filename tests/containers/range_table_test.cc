@@ -277,6 +277,11 @@ TEST_F(RangeTableTest, SpansMeetEmptinessAndAddressZero) {
   __ZelInsertRangeTableEntry(table, 0x1010, 0x1020, table);
   EXPECT_EQ(std::tuple(0x1000, 0x1000, 0), destroySpan(0x1000, 0));
   EXPECT_EQ(std::tuple(0x1010, 0x1020, 1), destroySpan(0x1018, 0));
+  // The walk goes on in the very block where the first range ends, or it would pass over the
+  // second.
+  __ZelInsertRangeTableEntry(table, 0x1000, 0x1050, table);
+  __ZelInsertRangeTableEntry(table, 0x1064, 0x1068, table);
+  EXPECT_EQ(std::tuple(0xFFF, 0x106C, 2), destroySpan(0xFFF, 0x6D));
   // A start of 0 is what a lookup reports that finds nothing.
   __ZelInsertRangeTableEntry(table, 0, 16, table);
   EXPECT_EQ(std::tuple(8, 16, 0), destroySpan(8, 8));

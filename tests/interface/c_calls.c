@@ -133,6 +133,22 @@ static void CallFilesAndXml(void) {
   rmdir(folder);
 }
 
+static void* g_released;
+static void NoteReleased(void* data) { g_released = data; }
+
+static void CallRangeTable(void) {
+  ZelRangeTable* const table = __ZelCreateRangeTable(1 << 20, 1, 0, 0, NoteReleased);
+  const uint64_t base = UINT64_C(0x7fff00001010);
+  __ZelInsertRangeTableEntry(table, base, base + 100, table);
+  uint64_t start, end;
+  CHECK(__ZelLookupRangeTable(table, base + 99, &start, &end) == table);
+  CHECK(start == base && end == base + 100);
+  CHECK(__ZelLookupRangeTable(table, base + 100, NULL, &end) == NULL && end == 0);
+  __ZelDestroyRangeTableSpan(table, base + 50, 100, &start, &end);
+  CHECK(start == base && end == base + 150 && g_released == table);
+  __ZelDestroyRangeTable(table);
+}
+
 static int32_t CompareDescending(uint64_t a, uint64_t b) { return (a < b) - (a > b); }
 static uint64_t g_freedKey;
 static void NoteKey(uint64_t key) { g_freedKey = key; }
@@ -158,6 +174,7 @@ int main(void) {
   CallPlatform();
   CallLog();
   CallFilesAndXml();
+  CallRangeTable();
   CallRedBlackTree();
   return g_failures == 0 ? 0 : 1;
 }
