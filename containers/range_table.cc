@@ -6,17 +6,15 @@
 //
 // Between operations, as long as the caller lets no ranges overlap:
 //   - a block is in the hash table of its level exactly when a range has it;
-//   - at level 0, unless blocks are unshared, it leads to a list with a node for each range that
-//   has
-//     it, and otherwise to the one range's entry;
+//   - at level 0 it leads to a list with a node for each range that has it; elsewhere, and where
+//     blocks are unshared, to the one range's entry;
 //   - an entry's `references` is the number of blocks and nodes that lead to it.
 // Since misuse goes unnoticed by design, no build asserts this.
 //
 // The hash tables have one level, no locks, no key callbacks and a hash function that is known
 // here. Probing them is most of what happens, so their chains are followed here, and calls are left
-// for what is rare. A chain is a series of cache misses in a table of some size, and misses of
-// different blocks can be waited for at once: an operation first computes what it is going to look
-// at, and asks for it, then looks.
+// for what is rare. In a table of some size a chain is a series of cache misses; those of different
+// blocks can be waited for together.
 
 #include "containers/range_table.h"
 
