@@ -32,13 +32,19 @@ constexpr uint32_t kAllocFlags = 0;
 
 int32_t CompareUnsigned(uint64_t a, uint64_t b) { return a < b ? -1 : a > b; }
 
+// Out of line, so that the usual order need not save registers for a call.
+template <typename Operation>
+[[gnu::noinline]] auto WithCallback(const Tree* tree, Operation operation) {
+  return operation([compare = tree->compare](uint64_t a, uint64_t b) { return compare(a, b); });
+}
+
 // Calls `operation` with the tree's order: with the default itself when it is in force, so that the
 // compiler can see through it.
 template <typename Operation>
 [[gnu::always_inline]] inline auto WithCompare(const Tree* tree, Operation operation) {
-  if (tree->compare == CompareUnsigned) [[likely]]
-    return operation([](uint64_t a, uint64_t b) { return CompareUnsigned(a, b); });
-  return operation([compare = tree->compare](uint64_t a, uint64_t b) { return compare(a, b); });
+  if (tree->compare != CompareUnsigned) [[unlikely]]
+    return WithCallback(tree, operation);
+  return operation([](uint64_t a, uint64_t b) { return CompareUnsigned(a, b); });
 }
 
 bool IsSentinel(const Node* node) { return node == node->tree->nil; }
