@@ -11,7 +11,7 @@
  * in one hash table for each size; what is left at both ends shares its block of 32 bytes with its
  * neighbours. A lookup probes each size in use once, at most 23, however many ranges there are.
  * A range takes one allocation, one for each block, and one for each of its blocks of 32 bytes; it
- * has at most two blocks of each size, but as many of the largest as it is long.
+ * has at most two whole blocks of each size, but as many of the largest as it is long.
  *
  * The caller sees to it that ranges of a table do not overlap, that none is empty, and that a range
  * is destroyed or removed with the bounds with which it was inserted; none of it is checked. The
