@@ -14,6 +14,7 @@
 #include "zelrt/platform.h"
 #include "zelrt/processes.h"
 #include "zelrt/runtime.h"
+#include "zelrt/vector.h"
 #include "zelrt/xml.h"
 
 #ifdef __cplusplus

@@ -80,6 +80,14 @@ static void CallMemory(void) {
   __ZelFree(block);
 }
 
+static void CallVector(void) {
+  ZelVector* const vector = __ZelCreateVector(0);
+  CHECK(__ZelSetVectorElement(vector, 300, UINT64_C(1) << 63) == 0);
+  CHECK(__ZelGetVectorElement(vector, 300) == UINT64_C(1) << 63);
+  CHECK(vector->pages[0] == vector->firstPage && vector->sizeAndCategory == 301);
+  __ZelDestroyVector(vector);
+}
+
 static void CallPlatform(void) {
   CHECK(__ZelGetNativePageSize() == (uint32_t)sysconf(_SC_PAGESIZE));
   unsigned int registers[4] = {0};
@@ -138,6 +146,7 @@ int main(void) {
   CallAtomics();
   CallLocks();
   CallMemory();
+  CallVector();
   CallPlatform();
   CallLog();
   CallFilesAndXml();
