@@ -13,6 +13,7 @@
 #include "zelrt/memory.h"
 #include "zelrt/platform.h"
 #include "zelrt/processes.h"
+#include "zelrt/queue.h"
 #include "zelrt/runtime.h"
 #include "zelrt/vector.h"
 #include "zelrt/xml.h"

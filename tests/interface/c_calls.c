@@ -80,6 +80,19 @@ static void CallMemory(void) {
   __ZelFree(block);
 }
 
+static uint32_t IsSum(uint32_t argument1, uintptr_t argument2, uintptr_t value) {
+  return argument1 + argument2 == value;
+}
+
+static void CallQueue(void) {
+  ZelQueue* const queue = __ZelCreateQueue(ZEL_QUEUE_FLAG_LOCKING, 0);
+  for (uintptr_t value = 1; value <= 3; ++value) __ZelEnqueue(queue, value);
+  CHECK(__ZelPeekQueue(queue, IsSum, 1, 2, 0) == 3);
+  CHECK(__ZelDequeue(queue) == 1 && __ZelIsQueueEmpty(queue) == 0);
+  __ZelDestroyQueue(queue);
+  __ZelFree(queue);
+}
+
 static void CallVector(void) {
   ZelVector* const vector = __ZelCreateVector(0);
   CHECK(__ZelSetVectorElement(vector, 300, UINT64_C(1) << 63) == 0);
@@ -146,6 +159,7 @@ int main(void) {
   CallAtomics();
   CallLocks();
   CallMemory();
+  CallQueue();
   CallVector();
   CallPlatform();
   CallLog();
