@@ -1,8 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <array>
 #include <atomic>
+#include <map>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "containers/internal.h"
@@ -12,64 +13,88 @@
 
 namespace {
 
-constexpr int kProducers = 4;
-constexpr int kConsumers = 4;
-constexpr uint32_t kEach = 20'000;
+class QueueThreadsTest : public testing::Test {
+ protected:
+  QueueThreadsTest() {
+    zelhost::Install();
+    zeltest::backing::Install();
+    queue_ = __ZelCreateQueue(ZEL_QUEUE_FLAG_LOCKING, 1);
+  }
+  ~QueueThreadsTest() override {
+    EXPECT_TRUE(zelrt::QueueIsConsistent(queue_));
+    EXPECT_EQ(1u, __ZelIsQueueEmpty(queue_));
+    __ZelDestroyQueue(queue_);
+    __ZelFree(queue_);
+    EXPECT_TRUE(zeltest::NoBlockIsInUse());
+  }
+  ZelQueue* queue_;
+};
 
-uintptr_t ValueOf(int producer, uint32_t number) {
-  return static_cast<uintptr_t>(producer) << 32 | number;
-}
 uint32_t IsOdd(uint32_t, uintptr_t, uintptr_t value) { return value % 2; }
 
-// Takers outrun producers, so that the queue keeps falling empty; one of them takes values out of
-// the middle and from the end.
-TEST(QueueThreadsTest, EachValueComesOnceAndInOrder) {
-  zelhost::Install();
-  zeltest::backing::Install();
-  ZelQueue* const queue = __ZelCreateQueue(ZEL_QUEUE_FLAG_LOCKING, 1);
+// Takers outrun producers, so that the queue keeps falling empty. The last one is a peeker.
+TEST_F(QueueThreadsTest, EachValueComesOnceAndInOrder) {
+  constexpr uint32_t kProducers = 4, kTakers = 5, kEach = 20'000;
+  std::vector<uintptr_t> taken[kTakers];
   std::atomic<uint32_t> left = kProducers * kEach;
-  std::array<std::vector<uintptr_t>, kConsumers + 1> taken;
-  zeltest::OnEachThread(kProducers + kConsumers + 1, [&](int thread) {
-    if (thread < kProducers) {
-      for (uint32_t number = 1; number <= kEach; ++number) {
-        __ZelEnqueue(queue, ValueOf(thread, number));
-        if (number % 16 == 0) std::this_thread::yield();
-      }
-      return;
+  zeltest::OnEachThread(kProducers + kTakers, [&](int thread) {
+    const auto producer = static_cast<uintptr_t>(thread) - kTakers;
+    for (uint32_t number = 1; thread >= static_cast<int>(kTakers) && number <= kEach; ++number) {
+      __ZelEnqueue(queue_, producer << 32 | number);
+      if (number % 16 == 0) std::this_thread::yield();
     }
-    const int taker = thread - kProducers;
-    while (left > 0) {
+    while (thread < static_cast<int>(kTakers) && left > 0) {
       const uintptr_t value =
-          taker < kConsumers ? __ZelDequeue(queue) : __ZelPeekQueue(queue, IsOdd, 0, 0, 1);
-      if (value != 0) {
-        taken[static_cast<size_t>(taker)].push_back(value);
-        if (left-- % 16 == 0) std::this_thread::yield();
-      } else if (__ZelIsQueueEmpty(queue) == 1) {
-        std::this_thread::yield();
-      }
+          thread != 4 ? __ZelDequeue(queue_) : __ZelPeekQueue(queue_, IsOdd, 0, 0, 1);
+      if (value != 0) taken[thread].push_back(value);
+      const bool pause = value != 0 ? --left % 16 == 0 : __ZelIsQueueEmpty(queue_) != 0;
+      if (pause) std::this_thread::yield();
     }
   });
-  EXPECT_TRUE(zelrt::QueueIsConsistent(queue));
-  EXPECT_EQ(1u, __ZelIsQueueEmpty(queue));
-
-  std::array<std::vector<bool>, kProducers> seen;
-  seen.fill(std::vector<bool>(kEach + 1));
+  std::map<uintptr_t, int> times;
   for (const std::vector<uintptr_t>& values : taken) {
-    std::array<uint32_t, kProducers> last = {};
+    std::map<uintptr_t, uintptr_t> last;
     for (const uintptr_t value : values) {
-      const size_t producer = value >> 32;
-      const auto number = static_cast<uint32_t>(value);
-      ASSERT_LT(producer, seen.size());
-      ASSERT_LT(last[producer], number);
-      ASSERT_FALSE(seen[producer].at(number));
-      seen[producer][number] = true;
-      last[producer] = number;
+      ASSERT_LT(std::exchange(last[value >> 32], value), value);
+      ASSERT_EQ(1, ++times[value]);
     }
   }
-  EXPECT_FALSE(taken.back().empty()) << "the peeker's";
-  __ZelDestroyQueue(queue);
-  __ZelFree(queue);
-  EXPECT_TRUE(zeltest::NoBlockIsInUse());
+  EXPECT_FALSE(taken[4].empty());
+}
+
+std::atomic<uintptr_t> g_called, g_enqueued;
+
+void WaitFor(const std::atomic<uintptr_t>& word, uintptr_t value) {
+  for (int reading = 1; word < value; ++reading)
+    if (reading % 1'000 == 0) std::this_thread::yield();  // most waits are shorter than that
+}
+
+// Lets another thread enqueue: half the times before the value is selected, else while it goes.
+uint32_t CallForTheNext(uint32_t, uintptr_t wanted, uintptr_t value) {
+  if (value != wanted) return 0;
+  g_called = value;
+  if (value % 2 == 0) WaitFor(g_enqueued, value);
+  for (uintptr_t delay = value % 256; delay > 0; --delay) static_cast<void>(g_called.load());
+  return 1;
+}
+
+TEST_F(QueueThreadsTest, TheLastValueGetsASuccessorWhileItIsRemoved) {
+  constexpr uintptr_t kLast = 10'000, kStays = kLast + 1;
+  for (const uintptr_t value : {kStays, uintptr_t{1}}) __ZelEnqueue(queue_, value);
+  zeltest::OnEachThread(2, [this](int thread) {
+    for (uintptr_t value = 1; value < kLast && !HasFailure(); ++value) {
+      if (thread == 0) {
+        EXPECT_EQ(value, __ZelPeekQueue(queue_, CallForTheNext, 0, value, 1));
+        if (HasFailure()) g_called = kLast;
+      } else {
+        WaitFor(g_called, value);
+        __ZelEnqueue(queue_, value + 1);
+        g_enqueued = value;
+      }
+      WaitFor(g_enqueued, value);
+    }
+  });
+  for (const uintptr_t value : {kStays, kLast}) EXPECT_EQ(value, __ZelDequeue(queue_));
 }
 
 }  // namespace
