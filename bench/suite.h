@@ -80,5 +80,6 @@ Family Footprint();
 Family Xml();
 Family Log();
 Family Vector();
+Family Queue();
 
 }  // namespace bench
