@@ -133,6 +133,8 @@ static void CallFilesAndXml(void) {
   rmdir(folder);
 }
 
+static void CallChecksums(void) { CHECK(__ZelCRC32("123456789", 9) == 0xCBF43926u); }
+
 int main(void) {
   CallRuntime();
   CallAtomics();
@@ -141,5 +143,6 @@ int main(void) {
   CallPlatform();
   CallLog();
   CallFilesAndXml();
+  CallChecksums();
   return g_failures == 0 ? 0 : 1;
 }
