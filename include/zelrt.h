@@ -15,10 +15,12 @@
 #include "zelrt/platform.h"
 #include "zelrt/processes.h"
 #include "zelrt/runtime.h"
+#include "zelrt/strings.h"
 #include "zelrt/xml.h"
 
 #ifdef __cplusplus
 #include "zelrt/log.hpp"
+#include "zelrt/numbers.hpp"
 #include "zelrt/paths.hpp"
 #include "zelrt/system_information.hpp"
 #include "zelrt/xml_writer.hpp"

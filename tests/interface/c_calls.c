@@ -133,6 +133,14 @@ static void CallFilesAndXml(void) {
   rmdir(folder);
 }
 
+static void CallContainers(void) {
+  ZelString* const string = __ZelStrAlloc(0, 4, "text");
+  __ZelStrAppend(string, "s");
+  CHECK(string->length == 5 && string->capacity == 8 && strcmp(string->text, "texts") == 0);
+  CHECK(__ZelStrSet(string, "") == string);
+  __ZelStrDestroy(string);
+}
+
 static void CallChecksums(void) { CHECK(__ZelCRC32("123456789", 9) == 0xCBF43926u); }
 
 int main(void) {
@@ -143,6 +151,7 @@ int main(void) {
   CallPlatform();
   CallLog();
   CallFilesAndXml();
+  CallContainers();
   CallChecksums();
   return g_failures == 0 ? 0 : 1;
 }
