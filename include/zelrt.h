@@ -15,6 +15,7 @@
 #include "zelrt/platform.h"
 #include "zelrt/processes.h"
 #include "zelrt/runtime.h"
+#include "zelrt/sets.h"
 #include "zelrt/strings.h"
 #include "zelrt/xml.h"
 

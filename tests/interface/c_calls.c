@@ -133,12 +133,22 @@ static void CallFilesAndXml(void) {
   rmdir(folder);
 }
 
+static int CountUp(uint32_t element, void* sum) { return (int)(*(uint32_t*)sum += element); }
+
 static void CallContainers(void) {
+  ZelSet set = {0, 3, NULL};
+  ZelMultiSet multiset = {0, 4, NULL};
+  __ZelAddAnElementToSet(&set, 63);
+  __ZelUnionMultiSetSet(&multiset, &set);
+  uint32_t sum = 0, countAndCategory = 0;
+  __ZelScanSet((const ZelSet*)&multiset, CountUp, &sum);
+  memcpy(&countAndCategory, &multiset, sizeof countAndCategory);
+  CHECK(sum == 63 && countAndCategory == 0x04000001 && multiset.first->counts[63] == 1);
+  CHECK(__ZelIsAnElementOfSet((const ZelSet*)&multiset, 63) == 0x80000000u);
+
   ZelString* const string = __ZelStrAlloc(0, 4, "text");
   __ZelStrAppend(string, "s");
   CHECK(string->length == 5 && string->capacity == 8 && strcmp(string->text, "texts") == 0);
-  CHECK(__ZelStrSet(string, "") == string);
-  __ZelStrDestroy(string);
 }
 
 static void CallChecksums(void) { CHECK(__ZelCRC32("123456789", 9) == 0xCBF43926u); }
