@@ -65,8 +65,9 @@ int main(int argc, char** argv) {
 
   const std::regex filter(benchmark::GetBenchmarkFilter());
   std::vector<bench::MeasuredFamily> measured;
-  for (const bench::Family& family : {bench::Locks(), bench::Allocator(), bench::Footprint(),
-                                      bench::Xml(), bench::Log(), bench::Checksums()}) {
+  for (const bench::Family& family :
+       {bench::Locks(), bench::Allocator(), bench::Footprint(), bench::Xml(), bench::Log(),
+        bench::Checksums(), bench::Sets()}) {
     bench::MeasuredFamily one = Measure(family, filter);
     if (!one.works.empty()) measured.push_back(std::move(one));
   }

@@ -80,5 +80,6 @@ Family Footprint();
 Family Xml();
 Family Log();
 Family Checksums();
+Family Sets();
 
 }  // namespace bench
