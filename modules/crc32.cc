@@ -95,7 +95,7 @@ uint32_t UpdateByBytes(Rest rest) {
 
 // x^power mod P as a factor. The product of two reflected numbers of 64 bits is one of 127 bits,
 // which stands one too low: hence a bit more at the low end.
-consteval uint64_t PowerOfX(int power) {
+constexpr uint64_t PowerOfX(int power) {
   uint32_t remainder = 0x80000000;  // x^0
   for (; power > 0; --power)
     remainder = remainder >> 1 ^ ((remainder & 1) != 0 ? kReflectedPolynomial : 0);
@@ -103,7 +103,7 @@ consteval uint64_t PowerOfX(int power) {
 }
 
 // The quotient x^64 / P, rounded down, and P itself, both of 33 bits.
-consteval uint64_t Reciprocal() {
+constexpr uint64_t Reciprocal() {
   uint64_t quotient = 1;             // of x^32
   uint32_t remainder = kPolynomial;  // of x^32, not reflected
   for (int bit = 1; bit <= 32; ++bit) {
