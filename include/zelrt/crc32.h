@@ -17,10 +17,10 @@ extern "C" {
  * final exclusive-or 0xFFFFFFFF. Each call checks one whole block; sums of pieces cannot be joined.
  * Length 0 gives 0, and nothing is read.
  *
- * Any thread may call it at any time. It takes no lock and allocates nothing, but the first call of
- * a process builds a table of 1 KiB, and calls of other threads wait meanwhile. Blocks of 64 bytes
- * and more are checked 16 bytes or more at a time where the processor multiplies without carries
- * (PCLMULQDQ), all others byte by byte. */
+ * Any thread may call it at any time. It takes no lock and allocates nothing, but the first call
+ * that needs it builds a table of 1 KiB, and those of other threads wait meanwhile. Blocks of 64
+ * bytes and more are checked 16 bytes or more at a time where the processor multiplies without
+ * carries (PCLMULQDQ), all others byte by byte. */
 ZEL_API uint32_t __ZelCRC32(const void* data, uint64_t length);
 
 #ifdef __cplusplus

