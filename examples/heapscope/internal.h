@@ -1,16 +1,19 @@
 // What the files of the collector lend each other, by the file that defines it.
 //
 // Locks, outermost first: the stripes' locks (record.cc), in ascending order; the growth lock
-// (own_memory.cc); the library's. The library's allocator is called only by a thread that holds a
-// stripe's lock, so whoever holds all stripes, as fork's handlers do, knows that every lock is
-// free.
+// (own_memory.cc); the library's. The library is called, where it takes locks, only by a thread
+// that holds a stripe's lock, so whoever holds all stripes, as fork's handlers do, knows that every
+// lock is free.
 //
-// Nothing here may allocate from the program's heap: no streams, strings or containers.
+// Nothing here may allocate from the program's heap. Streams, strings and containers are for
+// threads that are Writing alone: the arena serves them.
 #pragma once
 
 #include <atomic>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 
 #include "examples/heapscope/size_classes.h"
 
@@ -30,14 +33,18 @@ extern constinit std::atomic<State> g_state;
 // meanwhile wait. The caller is inside the collector.
 State EnsureStarted();
 
-// Writes the summary unless it was written, or this is not the process that was counted.
-void WriteSummaryOnce();
+// Writes all that is written at the end, unless it was written, or this is not the process that was
+// counted.
+void ReportOnce();
 
 struct Process {
   char name[64];
   int32_t id;
   int32_t forkedFrom;  // 0: started by exec
+  int64_t startedMs;   // since 1970
 };
+int64_t NowMs();
+
 extern constinit Process g_process;
 
 // interpose.cc -----------------------------------------------------------------------------------
@@ -46,6 +53,9 @@ extern constinit Process g_process;
 bool FindRealFunctions();
 
 extern constinit thread_local bool t_isInside;
+
+// Set while the thread calls what may allocate, on the collector's account: see Writing.
+extern constinit thread_local bool t_isWriting;
 
 // Marks the thread as inside the collector. Allocations that come then are not the program's
 // ordinary ones: they stem from what the collector calls, from the real functions calling each
@@ -69,11 +79,12 @@ class InsideCollector {
   const bool isOutermost_;
 };
 
-// bootstrap.cc -----------------------------------------------------------------------------------
+// arena.cc ---------------------------------------------------------------------------------------
 
-// Blocks for allocations that come before the real functions are known. They are zeroed and never
-// used again. Null, with errno ENOMEM, when the arena is used up.
+// Zeroed blocks that do not come from the program's heap. Null when the arena is used up; errno
+// stays as it is.
 void* ArenaAllocate(size_t alignment, size_t size);
+void ArenaFree(void* block);
 bool IsInArena(const void* block);
 size_t ArenaBlockSize(const void* block);
 
@@ -81,6 +92,23 @@ size_t ArenaBlockSize(const void* block);
 
 // Gives the library memory from mmap. False when there is not even enough for its first table.
 bool SetUpOwnMemory();
+
+// Holds the growth lock, and keeps errno, around calls of the library that may allocate. The thread
+// holds a stripe's lock.
+class LibraryHold {
+ public:
+  LibraryHold();
+  ~LibraryHold();
+  LibraryHold(const LibraryHold&) = delete;
+  LibraryHold& operator=(const LibraryHold&) = delete;
+
+  // Whether the library can have what opening a file takes. It must not ask for more than there is:
+  // the process would end.
+  bool HasMemoryForFiles();
+
+ private:
+  const int keptErrno_ = errno;
+};
 
 // As __ZelMalloc and __ZelFree, for a thread that holds a stripe's lock; but the process does not
 // end for want of memory: the result is null. Both leave errno alone.
@@ -104,9 +132,10 @@ enum class Function : uint8_t {
   kFree,
 };
 inline constexpr size_t kFunctions = 10;
+extern const char* const kFunctionNames[kFunctions];
 
 void RecordAllocation(Function function, const void* block, size_t size);
-void RecordFailure(Function function);
+void RecordFailure(Function function, size_t size);
 
 // Before the real function frees the block: afterwards another thread may be given the address.
 void RecordFree(const void* block);
@@ -118,8 +147,24 @@ struct TakenBlock {
   size_t size;
 };
 TakenBlock TakeBlock(const void* block);
-void PutBackBlock(Function function, const void* block, TakenBlock taken);
-void RecordReallocation(Function function, TakenBlock taken, const void* block, size_t size);
+void PutBackBlock(Function function, const void* block, TakenBlock taken, size_t refusedSize);
+void RecordReallocation(Function function, const void* old, TakenBlock taken, const void* block,
+                        size_t size);
+
+// Holds a stripe's lock, for calls of the library that no block is the reason of, unless a fork
+// keeps it for too long.
+class NoForkMeanwhile {
+ public:
+  NoForkMeanwhile();
+  ~NoForkMeanwhile();
+  NoForkMeanwhile(const NoForkMeanwhile&) = delete;
+  NoForkMeanwhile& operator=(const NoForkMeanwhile&) = delete;
+
+  bool IsHeld() const { return isHeld_; }
+
+ private:
+  const bool isHeld_;
+};
 
 // Around fork. The child keeps the table of live blocks and starts with fresh counts.
 void HoldRecords();
@@ -156,16 +201,60 @@ struct Figures {
 // in others, but no free is counted without its allocation.
 void ReadFigures(Figures* figures);
 
+// What was allocated before the collector's own initialisation.
+void NoteEndOfEarlyAllocations();
+Amount EarlyAllocations();
+
+// threads.cc -------------------------------------------------------------------------------------
+
+struct ThreadFigures {
+  uint32_t thread;  // the kernel's id; 0: those that found the table full
+  Amount allocated;
+  Amount freed;
+};
+uint32_t ThreadsSeen();
+uint32_t ThreadPlaces();
+ThreadFigures ReadThread(uint32_t place);
+void StartChildThreads();
+
 // output.cc --------------------------------------------------------------------------------------
 
 void OpenOutput();
 void KeepOutputInChild();
 void WriteOutput(const char* text, size_t length);
 
+// own_files.cc -----------------------------------------------------------------------------------
+
+// Result file and log are kept in the directory that HEAPSCOPE_DIRECTORY names at the start.
+void OpenOwnFiles();
+bool HasOwnFiles();
+
+// Stores the path of this process's file of that kind: "heapscope.<process>.<kind>". False when
+// there is no directory.
+bool OwnFilePath(const char* kind, char* path, size_t size);
+
+// As fopen with "w" or "a", for a thread that is writing.
+FILE* OpenOwnStream(const char* path, const char* mode);
+
+// log.cc -----------------------------------------------------------------------------------------
+
+enum class Problem : uint8_t { kUnknownFree, kUnseenFree, kUntracked };
+
+// For a thread that holds a stripe's lock. Each kind of problem has a limited number of records.
+void LogProblem(Problem problem, uintptr_t address, size_t size);
+void LogFailure(Function function, size_t size);
+
+// The record of the start, and those of the end. They take locks themselves.
+void LogStart();
+void LogEnd(const Figures& figures);
+void StartChildLog();
+
+// result.cc --------------------------------------------------------------------------------------
+
+void WriteResult(const Figures& figures);
+
 // summary.cc -------------------------------------------------------------------------------------
 
-// Remembers what libraries allocated that were initialised before the collector.
-void NoteEndOfEarlyAllocations();
-void WriteSummary();
+void WriteSummary(const Figures& figures);
 
 }  // namespace heapscope

@@ -1,11 +1,12 @@
-// The allocation functions that take the place of the C library's, and _exit.
+// The allocation functions that take the place of the C library's, _exit and fopen.
 //
 // Each calls the real function of its name and records what came of it: blocks, results and errno
 // are the real function's. reallocarray is the exception: the real one would come back through
 // realloc, so it is a checked multiplication in front of that.
 //
 // Calls that come from inside the collector go to the real functions and are not recorded; before
-// the collector is up they are served from the bootstrap arena.
+// the collector is up they are served from the arena, and so are those of the functions that it
+// calls itself when it writes.
 
 #include <dlfcn.h>
 #include <malloc.h>
@@ -13,6 +14,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -21,6 +23,7 @@
 namespace heapscope {
 
 constinit thread_local bool t_isInside = false;
+constinit thread_local bool t_isWriting = false;
 
 namespace {
 
@@ -36,6 +39,7 @@ struct RealFunctions {
   decltype(&::free) free;
   decltype(&::malloc_usable_size) usableSize;
   void (*exit)(int);
+  decltype(&::fopen) fopen;
 };
 constinit RealFunctions g_real = {};
 
@@ -51,12 +55,14 @@ enum class Route {
   kArena,
 };
 
+Route RouteInside() { return t_isWriting ? Route::kArena : Route::kReal; }
+
 [[gnu::noinline]] Route RouteAtStart(bool isOutermost) {
   const int kept = errno;
   if (isOutermost) EnsureStarted();
   errno = kept;
   const State state = g_state.load(std::memory_order_acquire);
-  if (state == State::kCounting) return isOutermost ? Route::kRecord : Route::kReal;
+  if (state == State::kCounting) return isOutermost ? Route::kRecord : RouteInside();
   return g_real.free != nullptr && state == State::kUnable ? Route::kReal : Route::kArena;
 }
 
@@ -71,34 +77,48 @@ class Call {
   Route FindRoute() const {
     if (g_state.load(std::memory_order_acquire) != State::kCounting) [[unlikely]]
       return RouteAtStart(inside_.IsOutermost());
-    return inside_.IsOutermost() ? Route::kRecord : Route::kReal;
+    return inside_.IsOutermost() ? Route::kRecord : RouteInside();
   }
 
   const InsideCollector inside_;
   const Route route_;
 };
 
+// From the arena or, when that is used up, from the real function if there is one.
+template <typename Real>
+[[gnu::noinline]] void* AllocateInArena(size_t alignment, size_t size, Real real) {
+  void* block = ArenaAllocate(alignment, size);
+  if (block == nullptr && g_real.free != nullptr) block = real();
+  if (block == nullptr) errno = ENOMEM;
+  return block;
+}
+
 template <typename Real>
 inline void* Allocate(Function function, size_t alignment, size_t size, Real real) {
   const Call call;
   if (call.GoesToArena()) [[unlikely]]
-    return ArenaAllocate(alignment, size);
+    return AllocateInArena(alignment, size, real);
   void* const block = real();
   if (!call.IsRecorded()) return block;
   if (block != nullptr) [[likely]] {
     RecordAllocation(function, block, size);
   } else {
-    RecordFailure(function);
+    RecordFailure(function, size);
   }
   return block;
 }
 
-// The arena's blocks stay where they are; what is left is to move their contents.
-void* MoveOutOfArena(const Call& call, Function function, void* old, size_t size) {
-  if (size == 0) return nullptr;
-  void* const block = call.GoesToArena() ? ArenaAllocate(0, size) : g_real.malloc(size);
+// The arena knows no growing: the contents move to a new block.
+void* ReallocateFromArena(const Call& call, Function function, void* old, size_t size) {
+  if (size == 0) {
+    ArenaFree(old);
+    return nullptr;
+  }
+  const auto real = [size] { return g_real.malloc(size); };
+  void* const block = call.GoesToArena() ? AllocateInArena(0, size, real) : real();
   if (block == nullptr) return nullptr;
   std::memcpy(block, old, std::min(size, ArenaBlockSize(old)));
+  ArenaFree(old);
   if (call.IsRecorded()) RecordAllocation(function, block, size);
   return block;
 }
@@ -108,15 +128,15 @@ void* Reallocate(Function function, void* old, size_t size) {
     return Allocate(function, 0, size, [size] { return g_real.realloc(nullptr, size); });
   const Call call;
   if (IsInArena(old)) [[unlikely]]
-    return MoveOutOfArena(call, function, old, size);
+    return ReallocateFromArena(call, function, old, size);
   if (!call.IsRecorded()) return g_real.realloc(old, size);
 
   const TakenBlock taken = TakeBlock(old);
   void* const block = g_real.realloc(old, size);
   if (block == nullptr && size != 0) {
-    PutBackBlock(function, old, taken);
+    PutBackBlock(function, old, taken, size);
   } else {
-    RecordReallocation(function, taken, block, size);
+    RecordReallocation(function, old, taken, block, size);
   }
   return block;
 }
@@ -158,7 +178,7 @@ void* reallocarray(void* old, size_t count, size_t size) noexcept {
   size_t total;
   if (!__builtin_mul_overflow(count, size, &total))
     return Reallocate(Function::kReallocarray, old, total);
-  if (const Call call; call.IsRecorded()) RecordFailure(Function::kReallocarray);
+  if (const Call call; call.IsRecorded()) RecordFailure(Function::kReallocarray, SIZE_MAX);
   errno = ENOMEM;
   return nullptr;
 }
@@ -166,7 +186,8 @@ void* reallocarray(void* old, size_t count, size_t size) noexcept {
 int posix_memalign(void** result, size_t alignment, size_t size) noexcept {
   const Call call;
   if (call.GoesToArena()) [[unlikely]] {
-    void* const block = ArenaAllocate(alignment, size);
+    void* const block =
+        AllocateInArena(alignment, size, [=] { return g_real.memalign(alignment, size); });
     if (block == nullptr) return ENOMEM;
     *result = block;
     return 0;
@@ -176,7 +197,7 @@ int posix_memalign(void** result, size_t alignment, size_t size) noexcept {
   if (error == 0) {
     RecordAllocation(Function::kPosixMemalign, *result, size);
   } else {
-    RecordFailure(Function::kPosixMemalign);
+    RecordFailure(Function::kPosixMemalign, size);
   }
   return error;
 }
@@ -203,7 +224,7 @@ void* pvalloc(size_t size) noexcept {
 void free(void* block) noexcept {
   const Call call;
   if (IsInArena(block)) [[unlikely]]
-    return;
+    return ArenaFree(block);
   if (call.IsRecorded()) RecordFree(block);
   if (g_real.free != nullptr) g_real.free(block);
 }
@@ -218,12 +239,18 @@ size_t malloc_usable_size(void* block) noexcept {
 // Ends the process without its exit handlers. After a vfork it is the parent's memory that this
 // runs in: nothing may change there but what the process id allows.
 void _exit(int status) {
-  WriteSummaryOnce();
+  ReportOnce();
   if (g_real.exit != nullptr) g_real.exit(status);
   for (;;) syscall(SYS_exit_group, status);
 }
 
 void _Exit(int status) noexcept { _exit(status); }
+
+// The library opens its files with it. The collector's go where the program's do not come.
+FILE* fopen(const char* path, const char* mode) {
+  if (g_real.fopen == nullptr && !Find("fopen", &g_real.fopen)) return nullptr;
+  return t_isWriting ? OpenOwnStream(path, mode) : g_real.fopen(path, mode);
+}
 
 }  // extern "C"
 #pragma GCC visibility pop

@@ -26,10 +26,14 @@ constexpr int kProgramNotFound = 127;
 constexpr char kLibraryName[] = "libheapscope.so";
 
 constexpr char kUsage[] =
-    "Usage: heapscope [-o FILE] [--] PROGRAM [ARGUMENT...]\n"
+    "Usage: heapscope [-d DIRECTORY] [-o FILE] [--] PROGRAM [ARGUMENT...]\n"
     "Runs the program, counts its heap allocations, and writes a summary to standard error when\n"
     "it exits.\n"
     "\n"
+    "  -d DIRECTORY\n"
+    "           for each process, keep a result file and a log in DIRECTORY, which is made if "
+    "need\n"
+    "           be: heapscope.PROCESS.xml and heapscope.PROCESS.log\n"
     "  -o FILE  write to FILE, where the program's child processes write their summaries too; %p\n"
     "           in FILE stands for the process id, %% for a percent sign\n"
     "  -h       show this help\n";
@@ -112,13 +116,27 @@ void DirectOutput(const char* pattern) {
   SetVariable("HEAPSCOPE_STDERR", expected);
 }
 
+void DirectOwnFiles(const char* directory) {
+  unsetenv("HEAPSCOPE_DIRECTORY");
+  if (directory == nullptr) return;
+  if (mkdir(directory, 0777) != 0 && errno != EEXIST) FailWithError(directory);
+  char* const absolute = realpath(directory, nullptr);
+  if (absolute == nullptr || access(absolute, W_OK | X_OK) != 0) FailWithError(directory);
+  SetVariable("HEAPSCOPE_DIRECTORY", absolute);
+  std::free(absolute);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   const char* pattern = nullptr;
+  const char* directory = nullptr;
   // The plus sign ends the options at the program's name.
-  for (int option; (option = getopt(argc, argv, "+o:h")) != -1;) {
+  for (int option; (option = getopt(argc, argv, "+d:o:h")) != -1;) {
     switch (option) {
+      case 'd':
+        directory = optarg;
+        break;
       case 'o':
         pattern = optarg;
         break;
@@ -136,6 +154,7 @@ int main(int argc, char** argv) {
   }
   PreloadLibrary();
   DirectOutput(pattern);
+  DirectOwnFiles(directory);
   execvp(argv[optind], argv + optind);
   const int result = errno == ENOENT ? kProgramNotFound : kProgramNotExecutable;
   std::fprintf(stderr, "heapscope: %s: %s\n", argv[optind], strerror(errno));

@@ -1,12 +1,13 @@
 // The collector's life in a process: start, fork, the ends.
 //
 // Counting starts with the process's first allocation, which comes from the initialisation of some
-// library; the output is opened by this library's own. The exit handler is one without a library,
+// library; the outputs are opened by this library's own. The exit handler is one without a library,
 // so it runs after the destructors of all libraries. Nothing of the collector is torn down: threads
 // may go on allocating until the process is gone.
 
 #include <pthread.h>
 #include <stdlib.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -24,7 +25,7 @@ constinit Process g_process = {};
 
 namespace {
 
-constinit std::atomic<bool> g_summaryIsWritten{false};
+constinit std::atomic<bool> g_hasReported{false};
 
 void BeforeFork() { HoldRecords(); }
 
@@ -34,8 +35,10 @@ void AfterForkInChild() {
   StartChildRecords();
   g_process.forkedFrom = g_process.id;
   g_process.id = getpid();
-  g_summaryIsWritten.store(false);
+  g_process.startedMs = NowMs();
+  g_hasReported.store(false);
   KeepOutputInChild();
+  StartChildLog();
   ReleaseRecords();
 }
 
@@ -51,17 +54,20 @@ State Start() {
   return State::kCounting;
 }
 
-void AtExit(int, void*) { WriteSummaryOnce(); }
-void AtQuickExit() { WriteSummaryOnce(); }
+void AtExit(int, void*) { ReportOnce(); }
+void AtQuickExit() { ReportOnce(); }
 
 [[gnu::constructor]] void StartWithProcess() {
   const InsideCollector inside;
   const int kept = errno;
   g_process.id = getpid();
+  g_process.startedMs = NowMs();
   std::strncpy(g_process.name, program_invocation_short_name, sizeof g_process.name - 1);
   if (EnsureStarted() == State::kCounting) {
     NoteEndOfEarlyAllocations();
     OpenOutput();
+    OpenOwnFiles();
+    LogStart();
     on_exit(AtExit, nullptr);
     at_quick_exit(AtQuickExit);
   }
@@ -84,12 +90,27 @@ State EnsureStarted() {
   return found;
 }
 
-void WriteSummaryOnce() {
+int64_t NowMs() {
+  timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  return now.tv_sec * int64_t{1000} + now.tv_nsec / 1'000'000;
+}
+
+void ReportOnce() {
   // A child made without fork's handlers shares the parent's memory, or has tables with locks that
   // nobody will release.
   if (g_state.load(std::memory_order_acquire) != State::kCounting || g_process.id != getpid())
     return;
-  if (!g_summaryIsWritten.exchange(true)) WriteSummary();
+  if (g_hasReported.exchange(true)) return;
+  const InsideCollector inside;
+  Figures figures;
+  ReadFigures(&figures);
+  // A signal handler that interrupted the collector ends the process: nothing that needs a lock.
+  if (inside.IsOutermost()) {
+    WriteResult(figures);
+    LogEnd(figures);
+  }
+  WriteSummary(figures);
 }
 
 }  // namespace heapscope

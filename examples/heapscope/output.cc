@@ -9,13 +9,10 @@
 // says.
 //
 // The descriptor is made when the process starts, since the program may close, redirect, change its
-// root or its user. It is far above those that the program gets. Before it is written to, it is
-// compared with what it was: the program may have closed it and got its number for another file.
+// root or its user.
 
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -24,49 +21,22 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "examples/heapscope/descriptors.h"
 #include "examples/heapscope/file_pattern.h"
 #include "examples/heapscope/internal.h"
+#include "examples/heapscope/writing.h"
 
 namespace heapscope {
 namespace {
 
-constexpr int kPreferredDescriptors[] = {900, 200, STDERR_FILENO + 1};
 constexpr int kPollTimeoutMs = 1000;
-
-struct FileIdentity {
-  dev_t device;
-  ino_t inode;
-  bool operator==(const FileIdentity&) const = default;
-};
 
 struct Output {
   char pattern[PATH_MAX];  // empty: standard error
   bool isPerProcess;       // the pattern has the process id in it
-  int descriptor;          // -1: none
-  FileIdentity file;       // behind the descriptor
+  OwnDescriptor descriptor;
 };
-constinit Output g_output = {"", false, -1, {}};
-
-bool Identify(int descriptor, FileIdentity* file) {
-  struct stat status;
-  if (fstat(descriptor, &status) != 0) return false;
-  *file = {status.st_dev, status.st_ino};
-  return true;
-}
-
-bool IsOutput(int descriptor) {
-  FileIdentity file;
-  return descriptor >= 0 && Identify(descriptor, &file) && file == g_output.file;
-}
-
-void TakeDescriptor(int descriptor) {
-  g_output.descriptor = -1;
-  for (const int lowest : kPreferredDescriptors) {
-    g_output.descriptor = fcntl(descriptor, F_DUPFD_CLOEXEC, lowest);
-    if (g_output.descriptor >= 0) break;  // the others are above the limit, if not all
-  }
-  if (g_output.descriptor >= 0) Identify(g_output.descriptor, &g_output.file);
-}
+constinit Output g_output = {};
 
 void OpenFile() {
   char path[PATH_MAX];
@@ -75,7 +45,7 @@ void OpenFile() {
   const int truncation = g_output.isPerProcess ? O_TRUNC : 0;
   const int opened = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | truncation, 0666);
   if (opened < 0) return;
-  TakeDescriptor(opened);
+  g_output.descriptor.Duplicate(opened);
   close(opened);
 }
 
@@ -88,48 +58,18 @@ void TakeStandardError() {
                   0ULL + file.inode);
     if (std::strcmp(actual, expected) != 0) return;
   }
-  TakeDescriptor(STDERR_FILENO);
+  g_output.descriptor.Duplicate(STDERR_FILENO);
 }
 
 int UsableDescriptor() {
-  if (IsOutput(g_output.descriptor)) return g_output.descriptor;
-  const bool hadOne = g_output.descriptor >= 0;
-  g_output.descriptor = -1;
-  if (g_output.pattern[0] == '\0') return hadOne && IsOutput(STDERR_FILENO) ? STDERR_FILENO : -1;
+  if (g_output.descriptor.IsIntact()) return g_output.descriptor.Number();
+  const bool hadOne = g_output.descriptor.Number() >= 0;
+  g_output.descriptor.Forget();
+  if (g_output.pattern[0] == '\0')
+    return hadOne && g_output.descriptor.IsSameFile(STDERR_FILENO) ? STDERR_FILENO : -1;
   OpenFile();
-  return g_output.descriptor;
+  return g_output.descriptor.Number();
 }
-
-// Keeps from the program the signals that a failing write raises.
-class WriteSignalsBlocked {
- public:
-  WriteSignalsBlocked() {
-    sigemptyset(&signals_);
-    for (const int signal : {SIGPIPE, SIGXFSZ, SIGTTOU}) sigaddset(&signals_, signal);
-    sigpending(&pendingBefore_);
-    pthread_sigmask(SIG_BLOCK, &signals_, &maskBefore_);
-  }
-  ~WriteSignalsBlocked() {
-    sigset_t pending;
-    sigpending(&pending);
-    for (const int signal : {SIGPIPE, SIGXFSZ, SIGTTOU}) {
-      if (sigismember(&pending, signal) == 0 || sigismember(&pendingBefore_, signal) == 1) continue;
-      sigset_t one;
-      sigemptyset(&one);
-      sigaddset(&one, signal);
-      const timespec now = {};
-      sigtimedwait(&one, nullptr, &now);
-    }
-    pthread_sigmask(SIG_SETMASK, &maskBefore_, nullptr);
-  }
-  WriteSignalsBlocked(const WriteSignalsBlocked&) = delete;
-  WriteSignalsBlocked& operator=(const WriteSignalsBlocked&) = delete;
-
- private:
-  sigset_t signals_;
-  sigset_t pendingBefore_;
-  sigset_t maskBefore_;
-};
 
 // A descriptor that the program made non-blocking can be full for a while.
 bool CanGoOnAfterError(int descriptor) {
@@ -155,8 +95,7 @@ void OpenOutput() {
 void KeepOutputInChild() {
   const bool isShared = g_output.pattern[0] != '\0' && !g_output.isPerProcess;
   if (isShared) return;
-  if (IsOutput(g_output.descriptor)) close(g_output.descriptor);
-  g_output.descriptor = -1;
+  g_output.descriptor.Close();
 }
 
 void WriteOutput(const char* text, size_t length) {

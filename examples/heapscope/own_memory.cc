@@ -4,7 +4,10 @@
 // spare is made large enough for whatever that call can ask for: the library would end the process
 // if it were refused, and the program has a right to carry on when memory is short.
 //
-// The growth lock is held around each call of the library's allocator, and guards the spare.
+// The growth lock is held around each call of the library that may allocate, and guards the spare.
+//
+// A second mapping is kept for the day when there is no memory left: whoever looks for the reason
+// wants the result file above all.
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -29,7 +32,8 @@ struct PieceHeader {
 static_assert(sizeof(PieceHeader) == 16);
 
 constexpr size_t kSpareSize = 1 << 20;
-constexpr size_t kFirstTableSize = 6 << 20;  // what the library takes at once, rounded up
+constexpr size_t kMemoryForFiles = 512 * 1024;  // two blocks of 64 KiB, and a page for a name
+constexpr size_t kFirstTableSize = 6 << 20;     // what the library takes at once, rounded up
 constexpr size_t kSmallestPage = 65536;
 constexpr size_t kLargestSmallBlock = 32728;
 constexpr size_t kBlockHeader = 8;
@@ -37,28 +41,8 @@ constexpr size_t kBlockHeader = 8;
 constinit ZelSpinLock g_growthLock = {};
 constinit char* g_spare = nullptr;
 constinit size_t g_spareLength = 0;
+constinit char* g_reserve = nullptr;  // of kMemoryForFiles bytes
 constinit std::atomic<uint64_t> g_mappedBytes{0};
-
-class GrowthHold {
- public:
-  GrowthHold() {
-    __ZelAcquireSpinLockTid(&g_growthLock, static_cast<uint32_t>(zelhost::NativeThreadId()));
-  }
-  ~GrowthHold() { __ZelReleaseSpinLock(&g_growthLock); }
-  GrowthHold(const GrowthHold&) = delete;
-  GrowthHold& operator=(const GrowthHold&) = delete;
-};
-
-class ErrnoKeeper {
- public:
-  ErrnoKeeper() = default;
-  ~ErrnoKeeper() { errno = kept_; }
-  ErrnoKeeper(const ErrnoKeeper&) = delete;
-  ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
-
- private:
-  const int kept_ = errno;
-};
 
 size_t WholePages(size_t size) {
   const size_t page = __ZelGetNativePageSize();
@@ -118,24 +102,40 @@ size_t BackingLength(size_t size, uint32_t sizeShift) {
 
 }  // namespace
 
+LibraryHold::LibraryHold() {
+  __ZelAcquireSpinLockTid(&g_growthLock, static_cast<uint32_t>(zelhost::NativeThreadId()));
+}
+LibraryHold::~LibraryHold() {
+  __ZelReleaseSpinLock(&g_growthLock);
+  errno = keptErrno_;
+}
+bool LibraryHold::HasMemoryForFiles() {
+  if (EnsureSpareLocked(kMemoryForFiles)) return true;
+  if (g_reserve == nullptr) return false;
+  Unmap(g_spare, g_spareLength);
+  g_spare = g_reserve;
+  g_spareLength = kMemoryForFiles;
+  g_reserve = nullptr;
+  return true;
+}
+
 bool SetUpOwnMemory() {
-  const GrowthHold hold;
+  const LibraryHold hold;
   if (!EnsureSpareLocked(kFirstTableSize)) return false;
   __ZelInitializeSubAllocator(BackingAllocate, BackingFree);
   __ZelEnableMemoryStatisticsCollection();
+  g_reserve = Map(kMemoryForFiles);
   return true;
 }
 
 void* AllocateOwn(uint32_t category, size_t size, uint32_t sizeShift) {
-  const ErrnoKeeper keeper;
-  const GrowthHold hold;
+  const LibraryHold hold;
   if (!EnsureSpareLocked(BackingLength(size, sizeShift))) return nullptr;
   return __ZelMalloc(category, size, sizeShift);
 }
 
 void FreeOwn(void* block) {
-  const ErrnoKeeper keeper;
-  const GrowthHold hold;
+  const LibraryHold hold;
   __ZelFree(block);
 }
 

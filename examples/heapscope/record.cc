@@ -15,11 +15,17 @@
 
 #include "examples/heapscope/internal.h"
 #include "examples/heapscope/live_blocks.h"
+#include "examples/heapscope/threads.h"
 #include "host/host.h"
 #include "zelrt/locks.h"
 #include "zelrt/runtime.h"
 
 namespace heapscope {
+
+const char* const kFunctionNames[kFunctions] = {
+    "malloc",        "calloc",   "realloc", "reallocarray", "posix_memalign",
+    "aligned_alloc", "memalign", "valloc",  "pvalloc",      "free"};
+
 namespace {
 
 constexpr uint32_t kStripeBits = LiveBlocks::kCallersHashBits;
@@ -82,6 +88,7 @@ constinit Stripe g_stripes[kStripes] = {};
 constinit Level g_classLevels[kSizeClasses] = {};
 constinit Level g_totalLevel = {};
 constinit Amount g_inherited[kSizeClasses] = {};  // changes only where there is one thread
+constinit Amount g_early = {};
 constinit std::atomic<uint64_t> g_unrecorded{0};
 constinit std::atomic<int64_t> g_stripesHeldSince{0};  // 0: not held for a fork
 
@@ -98,14 +105,26 @@ bool ForkTakesTooLong() {
   return since != 0 && NowNs() - since > kForkPatienceNs;
 }
 
+Stripe& StripeOf(uint64_t hash) { return g_stripes[hash >> (64 - kStripeBits)]; }
+
+// False when a fork keeps it for too long.
+bool AcquireStripe(Stripe& stripe) {
+  const uint32_t self = Self();
+  while (__ZelTryToAcquireSpinLockTid(&stripe.lock, kTriesUntilYield, self) == 0) {
+    if (ForkTakesTooLong()) return false;
+    __ZelYield();
+  }
+  return true;
+}
+
 // Holds the stripe of one address, unless a fork keeps it for too long.
 class StripeHold {
  public:
   explicit StripeHold(const void* block)
       : address_(reinterpret_cast<uintptr_t>(block)),
         hash_(HashAddress(address_)),
-        stripe_(g_stripes[hash_ >> (64 - kStripeBits)]),
-        isHeld_(Acquire()) {
+        stripe_(StripeOf(hash_)),
+        isHeld_(AcquireStripe(stripe_)) {
     if (!isHeld_) [[unlikely]]
       g_unrecorded.fetch_add(1, std::memory_order_relaxed);
   }
@@ -116,6 +135,7 @@ class StripeHold {
   StripeHold& operator=(const StripeHold&) = delete;
 
   bool IsHeld() const { return isHeld_; }
+  uintptr_t Address() const { return address_; }
   Counters& Counts() const { return stripe_.counters; }
 
   LiveBlocks::Insertion Insert(size_t size, size_t* replacedSize) const {
@@ -124,15 +144,6 @@ class StripeHold {
   bool Remove(size_t* size) const { return stripe_.blocks.Remove(hash_, address_, size); }
 
  private:
-  bool Acquire() {
-    const uint32_t self = Self();
-    while (__ZelTryToAcquireSpinLockTid(&stripe_.lock, kTriesUntilYield, self) == 0) {
-      if (ForkTakesTooLong()) return false;
-      __ZelYield();
-    }
-    return true;
-  }
-
   const uintptr_t address_;
   const uint64_t hash_;
   Stripe& stripe_;
@@ -144,6 +155,7 @@ void CountCall(Counters& counters, Function function) {
 }
 
 void CountFreed(Counters& counters, size_t size) {
+  CallingThread().CountFreed(size);
   const uint32_t sizeClass = SizeClassOf(size);
   counters.classes[sizeClass].frees.Add(1);
   counters.classes[sizeClass].freedBytes.Add(size);
@@ -152,6 +164,7 @@ void CountFreed(Counters& counters, size_t size) {
 }
 
 void CountAllocated(Counters& counters, size_t size) {
+  CallingThread().CountAllocated(size);
   const uint32_t sizeClass = SizeClassOf(size);
   counters.classes[sizeClass].allocations.Add(1);
   counters.classes[sizeClass].allocatedBytes.Add(size);
@@ -165,10 +178,12 @@ void Track(const StripeHold& hold, size_t size) {
     case LiveBlocks::Insertion::kReplaced:
       // Whatever freed the old block, it did not come by here.
       hold.Counts().unseenFrees.Add(1);
+      LogProblem(Problem::kUnseenFree, hold.Address(), replacedSize);
       CountFreed(hold.Counts(), replacedSize);
       break;
     case LiveBlocks::Insertion::kNoMemory:
       hold.Counts().untracked.Add(1);
+      LogProblem(Problem::kUntracked, hold.Address(), size);
       return;
     case LiveBlocks::Insertion::kAdded:
       break;
@@ -190,11 +205,12 @@ void RecordAllocation(Function function, const void* block, size_t size) {
   Track(hold, size);
 }
 
-void RecordFailure(Function function) {
+void RecordFailure(Function function, size_t size) {
   const StripeHold hold(nullptr);
   if (!hold.IsHeld()) return;
   CountCall(hold.Counts(), function);
   hold.Counts().failures.Add(1);
+  LogFailure(function, size);
 }
 
 void RecordFree(const void* block) {
@@ -207,6 +223,7 @@ void RecordFree(const void* block) {
     CountFreed(hold.Counts(), size);
   } else {
     hold.Counts().unknownFrees.Add(1);
+    LogProblem(Problem::kUnknownFree, hold.Address(), 0);
   }
 }
 
@@ -217,20 +234,23 @@ TakenBlock TakeBlock(const void* block) {
   return taken;
 }
 
-void PutBackBlock(Function function, const void* block, TakenBlock taken) {
+void PutBackBlock(Function function, const void* block, TakenBlock taken, size_t refusedSize) {
   const StripeHold hold(block);
   if (!hold.IsHeld()) return;
   CountCall(hold.Counts(), function);
   hold.Counts().failures.Add(1);
+  LogFailure(function, refusedSize);
   size_t replacedSize;
   if (taken.isKnown && hold.Insert(taken.size, &replacedSize) == LiveBlocks::Insertion::kNoMemory) {
     // Its leaf was filled meanwhile and cannot be split.
     hold.Counts().untracked.Add(1);
+    LogProblem(Problem::kUntracked, hold.Address(), taken.size);
     CountFreed(hold.Counts(), taken.size);
   }
 }
 
-void RecordReallocation(Function function, TakenBlock taken, const void* block, size_t size) {
+void RecordReallocation(Function function, const void* old, TakenBlock taken, const void* block,
+                        size_t size) {
   const StripeHold hold(block);
   if (!hold.IsHeld()) return;
   CountCall(hold.Counts(), function);
@@ -238,8 +258,14 @@ void RecordReallocation(Function function, TakenBlock taken, const void* block, 
     CountFreed(hold.Counts(), taken.size);
   } else {
     hold.Counts().unknownFrees.Add(1);
+    LogProblem(Problem::kUnknownFree, reinterpret_cast<uintptr_t>(old), 0);
   }
   if (block != nullptr) Track(hold, size);
+}
+
+NoForkMeanwhile::NoForkMeanwhile() : isHeld_(AcquireStripe(StripeOf(HashAddress(0)))) {}
+NoForkMeanwhile::~NoForkMeanwhile() {
+  if (isHeld_) __ZelReleaseSpinLock(&StripeOf(HashAddress(0)).lock);
 }
 
 void HoldRecords() {
@@ -262,6 +288,7 @@ void StartChildRecords() {
   }
   g_totalLevel.ForgetPeak();
   g_unrecorded.store(0);
+  StartChildThreads();
   for (Stripe& stripe : g_stripes) {
     Counters& counters = stripe.counters;
     for (Counter& calls : counters.calls) calls.Reset();
@@ -312,5 +339,13 @@ void ReadFigures(Figures* figures) {
   }
   figures->total.peakBytes = g_totalLevel.Peak();
 }
+
+void NoteEndOfEarlyAllocations() {
+  Figures figures;
+  ReadFigures(&figures);
+  g_early = figures.total.allocated;
+}
+
+Amount EarlyAllocations() { return g_early; }
 
 }  // namespace heapscope

@@ -10,13 +10,6 @@
 namespace heapscope {
 namespace {
 
-constexpr const char* kFunctionNames[] = {
-    "malloc",        "calloc",   "realloc", "reallocarray", "posix_memalign",
-    "aligned_alloc", "memalign", "valloc",  "pvalloc",      "free"};
-static_assert(std::size(kFunctionNames) == kFunctions);
-
-constinit Amount g_early = {};
-
 // 1234567 as "1,234,567".
 class Grouped {
  public:
@@ -85,7 +78,7 @@ void AddTotals(const ClassFigures& total) {
   g_text.Add("  %-12s %16s %20s\n", "", "blocks", "bytes");
   if (g_process.forkedFrom != 0) AddAmount("inherited", total.inherited);
   AddAmount("allocated", total.allocated);
-  if (g_process.forkedFrom == 0) AddAmount("  at load", g_early);
+  if (g_process.forkedFrom == 0) AddAmount("  at load", EarlyAllocations());
   AddAmount("freed", total.freed);
   AddAmount("live at end", total.Live());
   g_text.Add("  %-12s %16s %20s\n", "live at peak", "", Grouped(total.peakBytes).Text());
@@ -151,15 +144,7 @@ void AddOwnMemory() {
 
 }  // namespace
 
-void NoteEndOfEarlyAllocations() {
-  Figures figures;
-  ReadFigures(&figures);
-  g_early = figures.total.allocated;
-}
-
-void WriteSummary() {
-  Figures figures;
-  ReadFigures(&figures);
+void WriteSummary(const Figures& figures) {
   g_text.Clear();
   AddHeading();
   AddTotals(figures.total);

@@ -61,7 +61,7 @@ TEST(OutputTest, ClosedStandardDescriptorsStayFreeForTheProgram) {
   const int firstDescriptor = ExitStatus(RunCommand(plain));
   EXPECT_LT(2, firstDescriptor);
   for (const std::vector<std::string>& options :
-       {std::vector<std::string>{}, std::vector<std::string>{"-o", file}}) {
+       {std::vector<std::string>{}, {"-o", file, "-d", directory.File("files")}}) {
     Command command = UnderHeapscope(options, plain.arguments);
     command.closedDescriptors = plain.closedDescriptors;
     EXPECT_EQ(firstDescriptor, ExitStatus(RunCommand(command)));
@@ -89,8 +89,11 @@ TEST(LauncherTest, ItsOwnFailuresHaveStatusesOfTheirOwn) {
   const TemporaryDirectory directory;
   EXPECT_EQ(125, ExitStatus(RunCommand({.arguments = {LAUNCHER}})));
   EXPECT_EQ(125, ExitStatus(RunCommand(UnderHeapscope({"-x"}, {SUBJECT}))));
-  EXPECT_EQ(125,
-            ExitStatus(RunCommand(UnderHeapscope({"-o", "/nowhere/file"}, {SUBJECT, "nothing"}))));
+  for (const char* const option : {"-o", "-d"}) {
+    EXPECT_EQ(
+        125,
+        ExitStatus(RunCommand(UnderHeapscope({option, "/nowhere/file"}, {SUBJECT, "nothing"}))));
+  }
   EXPECT_EQ(126, ExitStatus(RunCommand(UnderHeapscope({}, {directory.File("")}))));
   EXPECT_EQ(127, ExitStatus(RunCommand(UnderHeapscope({}, {directory.File("nothing")}))));
 }

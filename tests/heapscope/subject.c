@@ -16,6 +16,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/resource.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -122,6 +123,22 @@ static void Edges(void) {
     block = realloc(block, 2 * size + 1);
     Say("%zu\n", malloc_usable_size(block));
     free(block);
+  }
+}
+
+static void ManyFailures(void) {
+  for (int i = 0; i < 150; ++i) CHECK(malloc(g_huge) == NULL);
+}
+
+static void* FreeOne(void* block) {
+  free(block);
+  return NULL;
+}
+static void ManyThreads(void) {
+  for (int i = 0; i < 1100; ++i) {
+    pthread_t thread;
+    pthread_create(&thread, NULL, FreeOne, malloc(100));
+    pthread_join(thread, NULL);
   }
 }
 
@@ -280,6 +297,17 @@ static void ExitAtOnceToo(void) { _Exit(10); }
 static void Abort(void) { abort(); }
 static void KillItself(void) { kill(getpid(), SIGKILL); }
 
+static void ExitWith11(int signal) {
+  (void)signal;
+  _exit(11);
+}
+static void ExitInHandler(void) {
+  signal(SIGALRM, ExitWith11);
+  const struct itimerval soon = {.it_value = {.tv_usec = 2000}};
+  setitimer(ITIMER_REAL, &soon, NULL);
+  AllocateUntilStopped(NULL);
+}
+
 static void* g_last;
 static void AllocateLate(void) { g_last = malloc(501); }
 static void __attribute__((destructor)) FreeLater(void) {
@@ -356,6 +384,8 @@ static const struct {
     {"nothing", Nothing},
     {"each-function", EachFunction},
     {"edges", Edges},
+    {"many-failures", ManyFailures},
+    {"many-threads", ManyThreads},
     {"cross-threads", CrossThreads},
     {"idle-threads", IdleThreads},
     {"forks", Forks},
@@ -368,6 +398,7 @@ static const struct {
     {"quick-exit", QuickExit},
     {"exit-at-once", ExitAtOnce},
     {"exit-at-once-too", ExitAtOnceToo},
+    {"exit-in-handler", ExitInHandler},
     {"abort", Abort},
     {"kill-itself", KillItself},
     {"late-allocations", LateAllocations},

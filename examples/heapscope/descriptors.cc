@@ -1,0 +1,43 @@
+// Descriptors that are the collector's own in the program's process.
+
+#include "examples/heapscope/descriptors.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace heapscope {
+namespace {
+
+constexpr int kPreferredNumbers[] = {900, 200, STDERR_FILENO + 1};
+
+}  // namespace
+
+bool Identify(int descriptor, FileIdentity* file) {
+  struct stat status;
+  if (fstat(descriptor, &status) != 0) return false;
+  *file = {status.st_dev, status.st_ino};
+  return true;
+}
+
+bool OwnDescriptor::Duplicate(int descriptor) {
+  number_ = -1;
+  for (const int lowest : kPreferredNumbers) {
+    number_ = fcntl(descriptor, F_DUPFD_CLOEXEC, lowest);
+    if (number_ >= 0) break;  // the others are above the limit, if not all
+  }
+  return number_ >= 0 && Identify(number_, &file_);
+}
+
+bool OwnDescriptor::IsIntact() const { return IsSameFile(number_); }
+
+bool OwnDescriptor::IsSameFile(int descriptor) const {
+  FileIdentity file;
+  return descriptor >= 0 && Identify(descriptor, &file) && file == file_;
+}
+
+void OwnDescriptor::Close() {
+  if (IsIntact()) close(number_);
+  number_ = -1;
+}
+
+}  // namespace heapscope
