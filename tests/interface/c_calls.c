@@ -133,6 +133,27 @@ static void CallFilesAndXml(void) {
   rmdir(folder);
 }
 
+static uint32_t CountValue(const char* text, void* context) {
+  return *(uint32_t*)context += (uint32_t)strlen(text);
+}
+
+static void CallOptions(void) {
+  const uint32_t parser = __ZelGetOptionParser("c_calls");
+  const uint32_t level = __ZelRegisterIntegerOption(parser, "-level", "Level", -7, 0xF0000000u, 1);
+  const uint32_t lib = __ZelRegisterPathOption(parser, "-lib", "Library", NULL, 0, 1, 1);
+  CHECK(parser == 0 && level == 0 && lib == 1);
+  CHECK(__ZelGetIntegerOptionValue(parser, level) == -7);
+  CHECK(__ZelGetOptionFlags(parser, level) == 0xF0000000u);
+  const char* const arguments[] = {"-level", "0x7fffffff", "-lib", "a//b", "-lib", "c"};
+  CHECK(__ZelParseOptions2(parser, 6, arguments) == 1);
+  CHECK(__ZelGetIntegerOptionValue(parser, level) == 0x7fffffff);
+  CHECK(strcmp(__ZelGetPathOptionArgumentValue(parser, lib, 1), "a/b") == 0);
+  uint32_t sum = 1;
+  CHECK(__ZelProcessAppendOptionValues(parser, lib, CountValue, &sum) == 5 && sum == 5);
+  CHECK(__ZelPrintHelp(parser, 0) == 0);
+  CHECK(__ZelReleaseOptionParserHandle(parser, "c_calls") == 1);
+}
+
 int main(void) {
   CallRuntime();
   CallAtomics();
@@ -141,5 +162,6 @@ int main(void) {
   CallPlatform();
   CallLog();
   CallFilesAndXml();
+  CallOptions();
   return g_failures == 0 ? 0 : 1;
 }
