@@ -169,8 +169,14 @@ ZEL_API uint32_t __ZelParseOptions(uint32_t parser, int32_t argumentCount,
                                    const char* const* arguments);
 
 /* Prints a parser's options, their descriptions and defaults to standard output, in the order of
- * their registration; with `all` 0 only those to be shown in the help. Nothing for a parser that
- * was released or never handed out. Returns what flushing standard output returned: 0, or EOF. */
+ * their registration; with `all` 0 only those to be shown in the help. Behind an empty line:
+ *
+ *   mytool tool options are the following:
+ *      -depth                             Frames kept default: 16
+ *
+ * A text that is null shows as "none", here and in the listing. Nothing is printed for a parser
+ * that was released or never handed out. Returns what flushing standard output returned: 0, or
+ * EOF. */
 ZEL_API int32_t __ZelPrintHelp(uint32_t parser, uint32_t all);
 
 /* The same for each parser; returns how many have been handed out. */
