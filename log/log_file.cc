@@ -6,8 +6,6 @@
 // Locks: the creation flag, then what opening a file needs, the system allocation lock among it. So
 // who holds the system allocation lock must not wait for the flag, and does without a record.
 
-#include <time.h>
-
 #include "log/internal.h"
 #include "memory/internal.h"
 #include "runtime/ending.h"
@@ -18,26 +16,17 @@ namespace {
 
 constexpr const char* kDefaultSource = "zelrt";
 constexpr const char* kDefaultPath = "zellog.log";
-constexpr int64_t kPatienceMs = 500;  // of a thread that ends the process
 
 constinit ZelXmlFile* g_logFile = nullptr;
 constinit ZelXmlFile* g_newestLogFile = nullptr;  // leads to all there have been
 constinit uint32_t g_wasCreated = 0;
 constinit uint64_t g_creator = kNoOwner;  // the creation flag: who has taken it
 
-class Deadline {
- public:
-  explicit Deadline(int64_t milliseconds) : end_(NowMs() + milliseconds) {}
-  bool HasPassed() const { return NowMs() >= end_; }
+// The thread that ends the process has waited for the log in vain, and does not wait again: its
+// report has many lines. It alone uses this.
+constinit bool g_isOutOfReach = false;
 
- private:
-  static int64_t NowMs() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * int64_t{1000} + now.tv_nsec / 1'000'000;
-  }
-  const int64_t end_;
-};
+int64_t EndingPatienceMs() { return g_isOutOfReach ? 0 : kEndingPatienceMs; }
 
 // Holds the creation flag, where that can be had.
 class CreationHold {
@@ -54,14 +43,17 @@ class CreationHold {
  private:
   static bool Take(uint64_t self) {
     const bool ends = IsEndingProcess(self);
-    const Deadline deadline(ends ? kPatienceMs : 0);
+    const Deadline deadline(ends ? EndingPatienceMs() : 0);
     for (;;) {
       const uint64_t creator = AtomicCompareExchange(g_creator, self, kNoOwner);
       if (creator == kNoOwner) return true;
       // The creation itself has something to report.
       if (creator == self) return false;
       if (IsSpinLockHeldBy(&g_systemAllocationLock, self)) return false;
-      if (ends && deadline.HasPassed()) return false;
+      if (ends && deadline.HasPassed()) {
+        g_isOutOfReach = true;
+        return false;
+      }
       __ZelYield();
     }
   }
@@ -107,13 +99,14 @@ ZelXmlFile* LogFileForRecord(uint64_t self) {
 LogFileHold::LogFileHold(ZelXmlFile* file, uint64_t self) : file_(file) {
   if constexpr (kDebugChecks) NoteLockWanted(&file->lock, LockRank::kLogFile);
   if (IsEndingProcess(self)) [[unlikely]] {
-    const Deadline deadline(kPatienceMs);
+    const Deadline deadline(EndingPatienceMs());
     // As many looks between yields as everybody else has: with fewer, threads that log without a
     // pause would keep the lock among themselves.
     while (!TryToAcquireSpinLock(&file->lock, file->lock.spinCount, self)) {
       if (deadline.HasPassed()) {
         if constexpr (kDebugChecks) NoteLockReleased(&file->lock);
         file_ = nullptr;
+        g_isOutOfReach = true;
         return;
       }
       __ZelYield();
