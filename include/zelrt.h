@@ -11,6 +11,7 @@
 #include "zelrt/locks.h"
 #include "zelrt/log.h"
 #include "zelrt/memory.h"
+#include "zelrt/modules.h"
 #include "zelrt/platform.h"
 #include "zelrt/processes.h"
 #include "zelrt/runtime.h"
