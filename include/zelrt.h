@@ -7,6 +7,7 @@
 
 #include "zelrt/atomics.h"
 #include "zelrt/base.h"
+#include "zelrt/call_stacks.h"
 #include "zelrt/files.h"
 #include "zelrt/locks.h"
 #include "zelrt/log.h"

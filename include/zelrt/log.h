@@ -134,8 +134,8 @@ ZEL_API void __ZelExitHandler(int32_t code) ZEL_NO_RETURN;
 /* Logs "ABNORMAL_TERMINATE", then __ZelExitHandler(code). */
 ZEL_API void __ZelFatalExit(int32_t code) ZEL_NO_RETURN;
 
-/* Reports a defect of the tool itself, in the log or, before start-up, on standard output; then
- * __ZelFatalExit(-1). */
+/* Reports a defect of the tool itself and the calling thread's stack (zelrt/call_stacks.h), in the
+ * log or, before start-up, on standard output; then __ZelFatalExit(-1). */
 ZEL_API void __ZelLogFatalToolDefect(const char* format, ...) ZEL_NO_RETURN ZEL_PRINTF_LIKE(1, 2);
 
 /* Debug channels: traces that are off until an option text names them. A channel's id is its index

@@ -18,8 +18,9 @@
 extern "C" {
 #endif
 
-/* The module map. What a lookup costs depends on the order of loading: among a hundred modules some
- * tens of steps, among many more than that a step for every module below the address. */
+/* The module map. Records lie on every level that was in use when they were loaded, so a lookup
+ * among a hundred modules takes some tens of steps, but among many more a step for every module
+ * below the address: a microsecond among a thousand. */
 
 /* A loaded module, for reading only; valid until it is unloaded. It holds the addresses strictly
  * between start and end. */
@@ -49,10 +50,10 @@ ZEL_API ZelModuleRecord* __ZelFindModuleByAddress(uint64_t address);
 ZEL_API uint64_t __ZelGetModuleForVariable(uint64_t address, char** name);
 
 /* Mappings of the process. Each call reads "/proc/self/maps", through a stream of the C library and
- * under a flag that lets in one thread after another; that takes tens of microseconds. The first
- * mapping counts with start <= address <= end: an address that ends one mapping and starts the next
- * belongs to the lower. Nothing is found when the file cannot be opened, and by a thread that ends
- * the process when the flag cannot be had. */
+ * under a flag that lets in one thread after another: in a process of many libraries, hundreds of
+ * microseconds. The first mapping counts with start <= address <= end: an address that ends one and
+ * starts the next belongs to the lower. Nothing is found when the file cannot be opened, and by a
+ * thread that ends the process when the flag cannot be had. */
 
 /* The start of the mapping, with its end through `end`; 0 and nothing through `end` when there is
  * none. 0 when `end` is null. */

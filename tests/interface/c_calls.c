@@ -85,6 +85,9 @@ static void CallPlatform(void) {
   unsigned int registers[4] = {0};
   __ZelCpuidEx(0, 0, registers);
   CHECK(registers[0] > 0 && registers[1] != 0);
+  uint64_t frames[ZEL_MAX_STACK_FRAMES];
+  CHECK(__ZelCaptureCurrentStackBackTrace(frames) > 0);
+  CHECK(__ZelFindModuleByAddress(frames[0]) == NULL);
 }
 
 static void EndWithCode(int32_t code) { _exit(code); }

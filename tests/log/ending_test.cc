@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <thread>
 
+#include "tests/log/log_text.h"
 #include "tests/support/child_process.h"
 #include "zelrt/log.h"
 #include "zelrt/memory.h"
@@ -40,7 +41,8 @@ TEST(EndingTest, AFaultOnTheWayIsNeitherReportedNorHandledAgain) {
     __ZelLogFatalToolDefect("defect %d", 1);
   });
   EXPECT_EQ(255, child.exitStatus);
-  EXPECT_EQ("defect 1\nhook\n", child.output);
+  EXPECT_EQ("defect 1\nFrames of tavtool call stack:\nhook\n",
+            zeltest::WithoutFrames(child.output));
 }
 
 TEST(EndingTest, ASecondThreadDoesNotCutTheFirstOneShort) {
@@ -81,7 +83,8 @@ TEST(EndingTest, ADefectInACollectorLeavesNoLockBehind) {
     __ZelMalloc(0, 7'000'000, 0);
   });
   EXPECT_EQ(255, child.exitStatus);
-  EXPECT_EQ("in a collector\nallocated\n", child.output);
+  EXPECT_EQ("in a collector\nFrames of tavtool call stack:\nallocated\n",
+            zeltest::WithoutFrames(child.output));
 }
 
 }  // namespace

@@ -30,6 +30,9 @@ namespace backing = zeltest::backing;
 std::string Defect(unsigned number, const std::string& text) {
   return RecordText(number, "INTERNAL", "ERROR", "\n\t\t<!-- " + text + " -->");
 }
+std::string DefectAndStack(unsigned number, const std::string& text) {
+  return Defect(number, text) + "\n\t<!-- Frames of tavtool call stack: -->";
+}
 std::string Terminated(unsigned number) {
   return RecordText(number, "ABNORMAL_TERMINATE", "ERROR");
 }
@@ -47,7 +50,7 @@ class FatalExitTest : public testing::Test {
       __ZelSetExitHandler(ReportCode);
       scenario();
     });
-    EXPECT_EQ(output, child.output);
+    EXPECT_EQ(output, zeltest::WithoutFrames(child.output));
     EXPECT_EQ(255, child.exitStatus);
   }
   static void StartUp() {
@@ -59,7 +62,7 @@ class FatalExitTest : public testing::Test {
     __ZelCreateLogger("a", "log", 0);
   }
   static void ExpectLog(const std::string& records) {
-    EXPECT_EQ(zeltest::LogStart("a") + records, zeltest::ReadLog("log"));
+    EXPECT_EQ(zeltest::LogStart("a") + records, zeltest::WithoutFrames(zeltest::ReadLog("log")));
   }
   static void ExpectNoLog() { EXPECT_NE(0, access("zellog.log", F_OK)); }
 
@@ -67,7 +70,8 @@ class FatalExitTest : public testing::Test {
 };
 
 TEST_F(FatalExitTest, EachCallReportsInItsWay) {
-  ExpectEnd("a 5\nhook -1\n", [] { __ZelLogFatalToolDefect("a %d", 5); });
+  ExpectEnd("a 5\nFrames of tavtool call stack:\nhook -1\n",
+            [] { __ZelLogFatalToolDefect("a %d", 5); });
   ExpectEnd("hook 7\n", [] { __ZelFatalExit(7); });
   ExpectEnd("hook 0\n", [] { __ZelExitHandler(0); });
   ExpectEnd("", [] {
@@ -84,7 +88,7 @@ TEST_F(FatalExitTest, EachCallReportsInItsWay) {
     StartUpWithLog();
     __ZelLogFatalToolDefect("a %d", 5);
   });
-  ExpectLog(Defect(1, "a 5") + Terminated(2));
+  ExpectLog(DefectAndStack(1, "a 5") + Terminated(2));
   ExpectEnd("hook 7\n", [] {
     StartUpWithLog();
     __ZelFatalExit(7);
@@ -127,14 +131,14 @@ TEST_F(FatalExitTest, WhatFailsOnTheWayOutReportsNothingMore) {
       });
       __ZelLogFatalToolDefect("first");
     });
-    ExpectLog(Defect(1, "first") + Terminated(2));
+    ExpectLog(DefectAndStack(1, "first") + Terminated(2));
     // The same for the handlers of exit().
     ExpectEnd("hook -1\n", [] {
       StartUpWithLog();
       std::atexit([] { fail(); });
       __ZelLogFatalToolDefect("first");
     });
-    ExpectLog(Defect(1, "first") + Terminated(2));
+    ExpectLog(DefectAndStack(1, "first") + Terminated(2));
   }
 }
 
@@ -196,7 +200,8 @@ TEST_F(FatalExitTest, AMemoryCollectorEnds) {
     backing::OnRequest([] { __ZelAsynchronousCollectMemory(1); });
     __ZelMalloc(0, 100'000, 0);
   });
-  ExpectLog(RecordText(1, "COLLECT_MEMORY", "WARNING") + Defect(2, "collector") + Terminated(3));
+  ExpectLog(RecordText(1, "COLLECT_MEMORY", "WARNING") + DefectAndStack(2, "collector") +
+            Terminated(3));
 }
 
 TEST_F(FatalExitTest, WithoutALogFileThereIsAnEndToo) {

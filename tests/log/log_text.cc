@@ -41,6 +41,14 @@ std::string ReadLog(const std::string& path) {
   return text;
 }
 
+std::string WithoutFrames(std::string text) {
+  for (size_t frame; (frame = text.find("=> ")) != std::string::npos;) {
+    const size_t start = text.rfind('\n', frame);
+    text.erase(start, text.find('\n', frame) - start);
+  }
+  return text;
+}
+
 std::string RecordText(unsigned number, const std::string& type, const std::string& severity,
                        const std::string& content) {
   return "\n\t<msg id='" + std::to_string(number) + "' source='zelrt'>\n\t\t<type>" + type +

@@ -12,6 +12,9 @@ std::string LogStart(const std::string& source);
 // the start of the program and now.
 std::string ReadLog(const std::string& path);
 
+// The text without the lines that tell the frames of a call stack.
+std::string WithoutFrames(std::string text);
+
 // A record without arguments in the form of ReadLog.
 std::string RecordText(unsigned number, const std::string& type, const std::string& severity,
                        const std::string& content = "");
