@@ -62,6 +62,8 @@ TEST(ModuleMapTest, ARecordIsAsHighAsTheLevelThen) {
   }
   for (uint64_t level = 0; level <= 10; ++level)  // the first of them that is as high
     EXPECT_EQ(std::max<uint64_t>(level, 1), g_moduleMap.head->links[level]->start);
+  for (uint64_t start = 1; start <= 112; ++start) __ZelUnloadModule(start);
+  EXPECT_EQ(0, g_moduleMap.level);
 }
 
 TEST(ModuleMapTest, AnUnloadGivesTheNameBack) {
