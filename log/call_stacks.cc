@@ -46,29 +46,22 @@ class Line {
 
   // The text, which lasts until the next one; null for want of memory.
   [[gnu::format(printf, 2, 3)]] const char* Format(const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    const char* const text = FormatList(format, arguments);
-    va_end(arguments);
-    return text;
-  }
-
- private:
-  const char* FormatList(const char* format, va_list arguments) {
-    for (;;) {
-      if (text_ == nullptr) return nullptr;
-      va_list again;
-      va_copy(again, arguments);
-      const int length = std::vsnprintf(text_, size_, format, again);
-      va_end(again);
+    while (text_ != nullptr) {
+      va_list arguments;
+      va_start(arguments, format);
+      const int length = std::vsnprintf(text_, size_, format, arguments);
+      va_end(arguments);
       if (length < 0) return nullptr;
       const size_t needed = static_cast<size_t>(length) + 1;
-      if (needed <= size_) return text_;
+      if (needed <= size_) break;
       __ZelFreeInternal(text_);
       size_ = 2 * needed;
       text_ = Allocate(size_);
     }
+    return text_;
   }
+
+ private:
   static char* Allocate(size_t size) { return static_cast<char*>(__ZelMallocInternal(size)); }
 
   size_t size_ = kLineSize;
