@@ -65,8 +65,8 @@ int main(int argc, char** argv) {
 
   const std::regex filter(benchmark::GetBenchmarkFilter());
   std::vector<bench::MeasuredFamily> measured;
-  for (const bench::Family& family :
-       {bench::Locks(), bench::Allocator(), bench::Footprint(), bench::Xml(), bench::Log()}) {
+  for (const bench::Family& family : {bench::Locks(), bench::Allocator(), bench::Footprint(),
+                                      bench::Xml(), bench::Log(), bench::Annotations()}) {
     bench::MeasuredFamily one = Measure(family, filter);
     if (!one.works.empty()) measured.push_back(std::move(one));
   }

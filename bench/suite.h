@@ -79,5 +79,6 @@ Family Allocator();
 Family Footprint();
 Family Xml();
 Family Log();
+Family Annotations();
 
 }  // namespace bench

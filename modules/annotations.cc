@@ -63,12 +63,12 @@ constexpr uint32_t kFlagsAt = 40;
 
 struct ItemLayout {
   uint32_t size;
+  uint32_t probeAt;  // 0 where there is none
   uint32_t nameAt;
   uint32_t expressionAt;
 };
-constexpr ItemLayout kProbeItem = {.size = 20, .nameAt = 12, .expressionAt = 16};
-constexpr ItemLayout kPlainItem = {.size = 16, .nameAt = 8, .expressionAt = 12};
-constexpr uint32_t kProbeAt = 8;
+constexpr ItemLayout kProbeItem = {.size = 20, .probeAt = 8, .nameAt = 12, .expressionAt = 16};
+constexpr ItemLayout kPlainItem = {.size = 16, .probeAt = 0, .nameAt = 8, .expressionAt = 12};
 
 constexpr uint64_t kSignBit32 = 0x80000000;
 constexpr uint64_t kHighHalf = 0xFFFFFFFF00000000;
@@ -138,32 +138,42 @@ bool Stop(const char* reason) {
   return false;
 }
 
-template <const ItemLayout& kItem>
-bool DeliverItems(Section& section, const Table& table) {
-  constexpr bool kProbes = kItem.size == kProbeItem.size;
-  const uint8_t* const header = section.next;
-  const uint8_t* item = header + table.items;
-  const uint64_t extension = table.is32Bit ? kHighHalf : 0;
-  ZelZCARecord record = {};
-  for (uint64_t left = table.count; left > 0; --left, item += kItem.size) {
-    const uint64_t name = table.names.offset + Load<uint32_t>(item + kItem.nameAt);
-    const uint64_t expression =
-        table.expressions.offset + Load<uint32_t>(item + kItem.expressionAt);
-    if (name >= section.terminated || expression >= section.left) return Stop(kBadSize);
+// The part of the section in which something that an item leads to has to begin.
+struct Range {
+  const uint8_t* begin;
+  uint64_t size;
+};
 
-    const uint64_t address = Load<uint64_t>(item);
-    record.address = (address | ((address & kSignBit32) != 0 ? extension : 0)) + table.addend;
-    record.name = reinterpret_cast<const char*>(header + name);
-    record.expression = header + expression;
-    if constexpr (kProbes) record.probe = Load<uint32_t>(item + kProbeAt);
-    record.argumentCount = 1;
-    const Evaluation evaluation = EvaluateExpression(record.expression, section.left - expression,
-                                                     section.padding, record.arguments[0]);
+Range RangeFrom(const Section& section, uint64_t offset, uint64_t end) {
+  return offset < end ? Range{section.next + offset, end - offset} : Range{nullptr, 0};
+}
+
+template <const ItemLayout& kItem, bool kIsExtended>
+bool DeliverItems(Section& section, const Table& table) {
+  const Range names = RangeFrom(section, table.names.offset, section.terminated);
+  const Range expressions = RangeFrom(section, table.expressions.offset, section.left);
+  const uint8_t* item = section.next + table.items;
+  ZelZCARecord record = {};
+  record.argumentCount = 1;
+  for (uint64_t left = table.count; left > 0; --left, item += kItem.size) {
+    const uint64_t name = Load<uint32_t>(item + kItem.nameAt);
+    const uint64_t expression = Load<uint32_t>(item + kItem.expressionAt);
+    if (name >= names.size || expression >= expressions.size) [[unlikely]]
+      return Stop(kBadSize);
+
+    auto address = Load<uint64_t>(item);
+    if (kIsExtended && (address & kSignBit32) != 0) address |= kHighHalf;
+    record.address = address + table.addend;
+    record.name = reinterpret_cast<const char*>(names.begin + name);
+    record.expression = expressions.begin + expression;
+    if constexpr (kItem.probeAt != 0) record.probe = Load<uint32_t>(item + kItem.probeAt);
+    const Evaluation evaluation = EvaluateExpression(
+        record.expression, expressions.size - expression, section.padding, record.arguments[0]);
     if (evaluation != Evaluation::kDone) [[unlikely]] {
       if (evaluation == Evaluation::kOutside) return Stop(kBadSize);
       __ZelLogCommentInternal("ZELRT: Unsupported Dwarf Expression in ZCA");
     }
-    if (section.callback != nullptr) section.callback(&record, section.context);
+    section.callback(&record, section.context);
   }
   return true;
 }
@@ -173,9 +183,11 @@ bool DeliverTable(Section& section, const Table& table) {
   const ItemLayout& item = table.hasProbe ? kProbeItem : kPlainItem;
   const uint64_t endOfItems = table.items + table.count * item.size;
   if (endOfItems > section.left) return Stop(kBadCount);
-  const bool isDelivered = table.hasProbe ? DeliverItems<kProbeItem>(section, table)
-                                          : DeliverItems<kPlainItem>(section, table);
-  if (!isDelivered) return false;
+  const auto deliver =
+      table.hasProbe
+          ? (table.is32Bit ? DeliverItems<kProbeItem, true> : DeliverItems<kProbeItem, false>)
+          : (table.is32Bit ? DeliverItems<kPlainItem, true> : DeliverItems<kPlainItem, false>);
+  if (!deliver(section, table)) return false;
   const uint64_t end = std::max(endOfItems, EndOfSubTables(table));
   if (end > section.left) return Stop(kBadSize);
   section.Skip(end);
@@ -211,6 +223,8 @@ bool ParseTable(Section& section, uint64_t base) {
   return false;
 }
 
+void IgnoreRecord(const ZelZCARecord*, void*) {}
+
 uint64_t BytesUpToLastNul(const uint8_t* data, uint64_t size) {
   const auto* const nul = size != 0 ? static_cast<const uint8_t*>(memrchr(data, 0, size)) : nullptr;
   return nul != nullptr ? static_cast<uint64_t>(nul - data) + 1 : 0;
@@ -232,7 +246,7 @@ void __ZelZCAParseAndProcessRecords(uint64_t base, const void* data, uint64_t si
                      .left = size,
                      .terminated = BytesUpToLastNul(bytes, size),
                      .padding = size,
-                     .callback = callback,
+                     .callback = callback != nullptr ? callback : IgnoreRecord,
                      .context = context};
   while (section.left > 0) {
     if (*section.next == 0) {

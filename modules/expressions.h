@@ -30,15 +30,20 @@ enum class Evaluation {
 Evaluation EvaluateLongExpression(const uint8_t* bytes, uint64_t available, uint64_t& padding,
                                   ZelZCAArgument& argument);
 
+inline bool IsBaseRegister(uint8_t operation) {
+  return operation >= kFirstBaseRegister && operation < kEndOfKinds;
+}
+
 // An expression that is a single operation.
 inline void EvaluateOperation(uint8_t operation, ZelZCAArgument& argument) {
   static_assert(kFirstRegister - kFirstLiteral == kOperandsPerKind &&
                 kFirstBaseRegister - kFirstRegister == kOperandsPerKind);
-  const bool isKnown = operation >= kFirstLiteral && operation < kEndOfKinds;
-  argument.value =
-      isKnown ? (operation - uint32_t{kFirstLiteral}) % kOperandsPerKind : kUnknownRegister;
-  argument.isRegister = !isKnown || operation >= kFirstRegister ? 1 : 0;
-  argument.offset = 0;
+  if (operation < kFirstLiteral || operation >= kEndOfKinds) [[unlikely]] {
+    argument = {kUnknownRegister, 1, 0};
+    return;
+  }
+  const uint32_t operand = (operation - uint32_t{kFirstLiteral}) % kOperandsPerKind;
+  argument = {operand, operation >= kFirstRegister ? 1u : 0u, 0};
 }
 
 // Evaluates an expression at the beginning of `available` bytes, of which it reads no more than it
@@ -46,10 +51,19 @@ inline void EvaluateOperation(uint8_t operation, ZelZCAArgument& argument) {
 // them together to pad their lengths with, so that the time stays bounded.
 inline Evaluation EvaluateExpression(const uint8_t* bytes, uint64_t available, uint64_t& padding,
                                      ZelZCAArgument& argument) {
-  if (available < 2 || bytes[0] != 1)
-    return EvaluateLongExpression(bytes, available, padding, argument);
-  EvaluateOperation(bytes[1], argument);
-  return Evaluation::kDone;
+  if (available > 2) [[likely]] {
+    const uint8_t operation = bytes[1];
+    if (bytes[0] == 1) {
+      EvaluateOperation(operation, argument);
+      return Evaluation::kDone;
+    }
+    // A register and an offset of one byte.
+    if (bytes[0] == 2 && IsBaseRegister(operation) && bytes[2] < 0x80) {
+      argument = {operation - uint64_t{kFirstBaseRegister}, 1, (bytes[2] ^ 0x40) - 0x40};
+      return Evaluation::kDone;
+    }
+  }
+  return EvaluateLongExpression(bytes, available, padding, argument);
 }
 
 }  // namespace zelrt
