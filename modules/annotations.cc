@@ -145,30 +145,38 @@ struct Range {
 };
 
 Range RangeFrom(const Section& section, uint64_t offset, uint64_t end) {
-  return offset < end ? Range{section.next + offset, end - offset} : Range{nullptr, 0};
+  offset = std::min(offset, end);
+  return {section.next + offset, end - offset};
 }
 
+// A table's items, and what each of them has in common with the others.
+struct Items {
+  const uint8_t* first;
+  const uint8_t* end;
+  Range names;
+  Range expressions;
+  uint64_t addend;
+};
+
 template <const ItemLayout& kItem, bool kIsExtended>
-bool DeliverItems(Section& section, const Table& table) {
-  const Range names = RangeFrom(section, table.names.offset, section.terminated);
-  const Range expressions = RangeFrom(section, table.expressions.offset, section.left);
-  const uint8_t* item = section.next + table.items;
+bool DeliverItems(Section& section, const Items& items) {
   ZelZCARecord record = {};
   record.argumentCount = 1;
-  for (uint64_t left = table.count; left > 0; --left, item += kItem.size) {
+  for (const uint8_t* item = items.first; item != items.end; item += kItem.size) {
     const uint64_t name = Load<uint32_t>(item + kItem.nameAt);
     const uint64_t expression = Load<uint32_t>(item + kItem.expressionAt);
-    if (name >= names.size || expression >= expressions.size) [[unlikely]]
+    if (name >= items.names.size || expression >= items.expressions.size) [[unlikely]]
       return Stop(kBadSize);
 
     auto address = Load<uint64_t>(item);
     if (kIsExtended && (address & kSignBit32) != 0) address |= kHighHalf;
-    record.address = address + table.addend;
-    record.name = reinterpret_cast<const char*>(names.begin + name);
-    record.expression = expressions.begin + expression;
+    record.address = address + items.addend;
+    record.name = reinterpret_cast<const char*>(items.names.begin + name);
+    record.expression = items.expressions.begin + expression;
     if constexpr (kItem.probeAt != 0) record.probe = Load<uint32_t>(item + kItem.probeAt);
-    const Evaluation evaluation = EvaluateExpression(
-        record.expression, expressions.size - expression, section.padding, record.arguments[0]);
+    const Evaluation evaluation =
+        EvaluateExpression(record.expression, items.expressions.size - expression, section.padding,
+                           record.arguments[0]);
     if (evaluation != Evaluation::kDone) [[unlikely]] {
       if (evaluation == Evaluation::kOutside) return Stop(kBadSize);
       __ZelLogCommentInternal("ZELRT: Unsupported Dwarf Expression in ZCA");
@@ -183,11 +191,16 @@ bool DeliverTable(Section& section, const Table& table) {
   const ItemLayout& item = table.hasProbe ? kProbeItem : kPlainItem;
   const uint64_t endOfItems = table.items + table.count * item.size;
   if (endOfItems > section.left) return Stop(kBadCount);
+  const Items items = {.first = section.next + table.items,
+                       .end = section.next + endOfItems,
+                       .names = RangeFrom(section, table.names.offset, section.terminated),
+                       .expressions = RangeFrom(section, table.expressions.offset, section.left),
+                       .addend = table.addend};
   const auto deliver =
       table.hasProbe
           ? (table.is32Bit ? DeliverItems<kProbeItem, true> : DeliverItems<kProbeItem, false>)
           : (table.is32Bit ? DeliverItems<kPlainItem, true> : DeliverItems<kPlainItem, false>);
-  if (!deliver(section, table)) return false;
+  if (!deliver(section, items)) return false;
   const uint64_t end = std::max(endOfItems, EndOfSubTables(table));
   if (end > section.left) return Stop(kBadSize);
   section.Skip(end);

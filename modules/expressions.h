@@ -53,7 +53,7 @@ inline Evaluation EvaluateExpression(const uint8_t* bytes, uint64_t available, u
                                      ZelZCAArgument& argument) {
   if (available > 2) [[likely]] {
     const uint8_t operation = bytes[1];
-    if (bytes[0] == 1) {
+    if (bytes[0] == 1) [[likely]] {
       EvaluateOperation(operation, argument);
       return Evaluation::kDone;
     }
