@@ -133,6 +133,39 @@ static void CallFilesAndXml(void) {
   rmdir(folder);
 }
 
+static void KeepRecord(const ZelZCARecord* record, void* context) {
+  *(ZelZCARecord*)context = *record;
+}
+
+static void CallAnnotations(void) {
+  static const unsigned char table[] =
+      ".wex_notify_tab\0\2\1\0\0\1\0\0\0\100\0\0\0\2\0\0\0\102\0\0\0\3\0\0\0"
+      "\0\0\0\0\0\0\0\0\20\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0n\0\2\167\170";
+  ZelZCARecord record;
+  memset(&record, 0, sizeof record);
+  __ZelZCAParseAndProcessRecords(0, table, sizeof table - 1, KeepRecord, &record);
+  CHECK(record.address == 16 && record.argumentCount == 1 && strcmp(record.name, "n") == 0);
+  CHECK(record.arguments[0].value == 7 && record.arguments[0].offset == -8);
+  CHECK((ZEL_ZCA_FLAG_PCREL | ZEL_ZCA_FLAG_PROBE | ZEL_ZCA_FLAG_32BIT) == 7);
+
+  char line[] = "a \"/m\" 1a0 0x10 100";
+  ZelZCADefinition definition;
+  memset(&definition, 0, sizeof definition);
+  CHECK(__ZelZCAParseDefinition(line, &definition) == 1 && definition.address == 0x1a0);
+  __ZelFree(definition.name);
+  __ZelFree(definition.module);
+  __ZelFree(definition.arguments);
+
+  char path[] = "/tmp/zelrt-c-calls-XXXXXX";
+  const int file = mkstemp(path);
+  CHECK(write(file, "a \"/m\" 1a0 0x10 100", 20) == 20 && close(file) == 0);
+  CHECK(__ZelZCALoadExternalDefinitions(path) == 1);
+  __ZelZCAProcessExternalRecords("/m", UINT64_C(1) << 40, KeepRecord, &record);
+  CHECK(record.address == (UINT64_C(1) << 40) + 0xa0 && record.arguments[1].value == 0x100);
+  __ZelZCACleanupDefinitions();
+  unlink(path);
+}
+
 int main(void) {
   CallRuntime();
   CallAtomics();
@@ -141,5 +174,6 @@ int main(void) {
   CallPlatform();
   CallLog();
   CallFilesAndXml();
+  CallAnnotations();
   return g_failures == 0 ? 0 : 1;
 }
