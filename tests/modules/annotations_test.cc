@@ -87,6 +87,10 @@ TEST(AnnotationsTest, TablesFollowOneAnother) {
   EXPECT_EQ(kLines11 + Lines{"zca_parser: Incorrect zca header format"},
             Parse(kTable11 + std::string(36, '.') + kTable12));
   EXPECT_EQ(kLines12 + Lines{kBadSize}, Parse(kTable12 + std::string(35, '.')));
+  EXPECT_EQ(kLines12 + Lines({kFound, kBadSize}),
+            Parse(kTable12 + Table(0, {{0, 0, 0, 0}}, "no NUL", "\1\x55")));
+  const std::string endsAtItsHeader = Table(0, {}, "", "").replace(24, 16, std::string(16, '\0'));
+  EXPECT_EQ(Lines{kFound} + kLines12, Parse(endsAtItsHeader + kTable12));
   EXPECT_EQ(Lines{"zca_parser: Expected zca version 2.0"},
             Parse(std::string(kTable11).replace(16, 2, "\0\2"s) + kTable12));
   zeltest::ClearLog();
