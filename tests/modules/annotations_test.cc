@@ -118,7 +118,8 @@ TEST(AnnotationsTest, ExpressionsAreNumbersRegistersAndOffsets) {
       "0130 n0+0  014F n31+0  0150 r0+0  016F r31+0  0170 r0+0  018F r31+0  012F r4294967295+0 "
       "0190 r4294967295+0  02703F r0+63  028F40 r31-64  0377807F r7-128  0477010203 r7+1 "
       "0677FFFFFFFF07 r7+2147483647  068F8080808078 r31-2147483648  0B77FFFFFFFFFFFFFFFFFF01 r7-1 "
-      "810055 r5+0  81..0055 r5+0  82..007778 r7-8  029110 !  025501 !  026F01 !  00 !  027780 ! "
+      "810055 r5+0  81..0055 r5+0  82..007778 r7-8  029110 !  025501 !  026F01 !  029001 !  00 !  "
+      "027780 ! "
       "01 -  0277 -  80 -  .. -  81..0155 -  8180808080808080800255 -  FFFFFFFFFFFFFFFF7F55 -");
   for (std::string row, result; rows >> row >> result;) {
     std::string bytes;
