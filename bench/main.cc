@@ -66,7 +66,10 @@ int main(int argc, char** argv) {
   const std::regex filter(benchmark::GetBenchmarkFilter());
   std::vector<bench::MeasuredFamily> measured;
   for (const bench::Family& family :
-       {bench::Locks(), bench::Allocator(), bench::Footprint(), bench::Xml(), bench::Log()}) {
+       {bench::Locks(), bench::Allocator(), bench::Footprint(), bench::Xml(), bench::Log(),
+        bench::HashTables(), bench::RedBlackTree(), bench::RangeTable(), bench::Vector(),
+        bench::Queue(), bench::Sets(), bench::Checksums(), bench::Modules(),
+        bench::Annotations()}) {
     bench::MeasuredFamily one = Measure(family, filter);
     if (!one.works.empty()) measured.push_back(std::move(one));
   }

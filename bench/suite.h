@@ -79,5 +79,14 @@ Family Allocator();
 Family Footprint();
 Family Xml();
 Family Log();
+Family RangeTable();
+Family RedBlackTree();
+Family HashTables();
+Family Checksums();
+Family Sets();
+Family Annotations();
+Family Vector();
+Family Queue();
+Family Modules();
 
 }  // namespace bench

@@ -3,6 +3,8 @@
 
 #include <unistd.h>
 
+#include <cstddef>
+
 namespace zelrt {
 
 // standard_descriptors.cc -------------------------------------------------------------------------
@@ -20,8 +22,8 @@ class StandardDescriptorsTaken {
   bool AreAll() const { return areAll_; }  // false when a duplication failed
 
  private:
-  int copies_[STDERR_FILENO];  // in the order of their making
-  int count_ = 0;
+  int copies_[3];  // in the order of their making; two, unless another thread interferes
+  size_t count_ = 0;
   bool areAll_ = false;
 };
 

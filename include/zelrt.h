@@ -5,19 +5,32 @@
 #ifndef ZELRT_H
 #define ZELRT_H
 
+#include "zelrt/annotations.h"
 #include "zelrt/atomics.h"
 #include "zelrt/base.h"
+#include "zelrt/call_stacks.h"
+#include "zelrt/crc32.h"
 #include "zelrt/files.h"
+#include "zelrt/hash_table.h"
 #include "zelrt/locks.h"
 #include "zelrt/log.h"
 #include "zelrt/memory.h"
+#include "zelrt/modules.h"
+#include "zelrt/options.h"
 #include "zelrt/platform.h"
 #include "zelrt/processes.h"
+#include "zelrt/queue.h"
+#include "zelrt/range_table.h"
+#include "zelrt/red_black_tree.h"
 #include "zelrt/runtime.h"
+#include "zelrt/sets.h"
+#include "zelrt/strings.h"
+#include "zelrt/vector.h"
 #include "zelrt/xml.h"
 
 #ifdef __cplusplus
 #include "zelrt/log.hpp"
+#include "zelrt/numbers.hpp"
 #include "zelrt/paths.hpp"
 #include "zelrt/system_information.hpp"
 #include "zelrt/xml_writer.hpp"

@@ -13,6 +13,7 @@
 #include "memory/internal.h"
 #include "runtime/ending.h"
 #include "runtime/internal.h"
+#include "zelrt/call_stacks.h"
 #include "zelrt/log.h"
 
 namespace zelrt {
@@ -82,7 +83,7 @@ void __ZelLogFatalToolDefect(const char* format, ...) {
       PrintLine(format, arguments);
     }
     va_end(arguments);
-    // The current call stack belongs here.
+    __ZelLogCurrentCallstack();
     if (!HasStarted()) std::fflush(stdout);
   }
   __ZelFatalExit(-1);

@@ -6,8 +6,6 @@
 // Locks: the creation flag, then what opening a file needs, the system allocation lock among it. So
 // who holds the system allocation lock must not wait for the flag, and does without a record.
 
-#include <time.h>
-
 #include "log/internal.h"
 #include "memory/internal.h"
 #include "runtime/ending.h"
@@ -18,26 +16,27 @@ namespace {
 
 constexpr const char* kDefaultSource = "zelrt";
 constexpr const char* kDefaultPath = "zellog.log";
-constexpr int64_t kPatienceMs = 500;  // of a thread that ends the process
 
 constinit ZelXmlFile* g_logFile = nullptr;
 constinit ZelXmlFile* g_newestLogFile = nullptr;  // leads to all there have been
 constinit uint32_t g_wasCreated = 0;
 constinit uint64_t g_creator = kNoOwner;  // the creation flag: who has taken it
+constinit uint32_t g_enderWaits = 0;  // the thread that ends the process wants a log file's lock
 
-class Deadline {
- public:
-  explicit Deadline(int64_t milliseconds) : end_(NowMs() + milliseconds) {}
-  bool HasPassed() const { return NowMs() >= end_; }
+// The thread that ends the process has waited for the log in vain, and does not wait again: its
+// report has many lines. It alone uses this.
+constinit bool g_isOutOfReach = false;
 
- private:
-  static int64_t NowMs() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * int64_t{1000} + now.tv_nsec / 1'000'000;
-  }
-  const int64_t end_;
-};
+int64_t EndingPatienceMs() { return g_isOutOfReach ? 0 : kEndingPatienceMs; }
+
+// Waits, for some time, until the thread that ends the process has got the lock of its log file.
+// Threads that log without a pause would keep that among themselves.
+void GiveWayToEnder() {
+  const Deadline deadline(kEndingPatienceMs);
+  while (LoadRelaxed(g_enderWaits) != 0 && !deadline.HasPassed()) __ZelYield();
+  // The ender has given up by now, or a fork has left it behind.
+  StoreRelaxed(g_enderWaits, 0);
+}
 
 // Holds the creation flag, where that can be had.
 class CreationHold {
@@ -54,14 +53,17 @@ class CreationHold {
  private:
   static bool Take(uint64_t self) {
     const bool ends = IsEndingProcess(self);
-    const Deadline deadline(ends ? kPatienceMs : 0);
+    const Deadline deadline(ends ? EndingPatienceMs() : 0);
     for (;;) {
       const uint64_t creator = AtomicCompareExchange(g_creator, self, kNoOwner);
       if (creator == kNoOwner) return true;
       // The creation itself has something to report.
       if (creator == self) return false;
       if (IsSpinLockHeldBy(&g_systemAllocationLock, self)) return false;
-      if (ends && deadline.HasPassed()) return false;
+      if (ends && deadline.HasPassed()) {
+        g_isOutOfReach = true;
+        return false;
+      }
       __ZelYield();
     }
   }
@@ -107,18 +109,22 @@ ZelXmlFile* LogFileForRecord(uint64_t self) {
 LogFileHold::LogFileHold(ZelXmlFile* file, uint64_t self) : file_(file) {
   if constexpr (kDebugChecks) NoteLockWanted(&file->lock, LockRank::kLogFile);
   if (IsEndingProcess(self)) [[unlikely]] {
-    const Deadline deadline(kPatienceMs);
-    // As many looks between yields as everybody else has: with fewer, threads that log without a
-    // pause would keep the lock among themselves.
+    const Deadline deadline(EndingPatienceMs());
     while (!TryToAcquireSpinLock(&file->lock, file->lock.spinCount, self)) {
       if (deadline.HasPassed()) {
         if constexpr (kDebugChecks) NoteLockReleased(&file->lock);
         file_ = nullptr;
-        return;
+        g_isOutOfReach = true;
+        break;
       }
+      StoreRelaxed(g_enderWaits, 1);
       __ZelYield();
     }
+    StoreRelaxed(g_enderWaits, 0);
+    if (file_ == nullptr) return;
   } else {
+    if (LoadRelaxed(g_enderWaits) != 0 && !IsSpinLockHeldBy(&file->lock, self)) [[unlikely]]
+      GiveWayToEnder();
     AcquireSpinLock(&file->lock, self);
   }
   RecordXmlFileOwner(file, self);

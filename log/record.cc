@@ -27,6 +27,20 @@ const char* SeverityName(uint32_t severity) {
   return kSeverityNames[severity];
 }
 
+// What a bare comment says. Who passes named arguments for a message that could not be registered
+// has put a tag where the format belongs: nobody must look for a text there.
+const char* FormatOf(uint64_t formatOrTag) {
+  switch (formatOrTag) {
+    case ZELLOG_ARG_STRING:
+    case ZELLOG_ARG_POINTER:
+    case ZELLOG_ARG_INT:
+    case ZELLOG_ARG_ULONG:
+      return "";
+    default:
+      return reinterpret_cast<const char*>(formatOrTag);
+  }
+}
+
 auto Text(std::string_view text) {
   return [text](XmlPieces& pieces) { pieces.Add(text); };
 }
@@ -100,7 +114,7 @@ void WriteLogRecord(uint32_t severity, uint32_t messageId, bool notForDisplay, u
   if (!hold.IsHeld() || file->stream == nullptr) return;
   const Message* const message = FindMessage(messageId);
   if (message == nullptr || (message->flags & ZELLOG_FLAG_COMMENT) != 0) {
-    XmlPieces(file).Comment(reinterpret_cast<const char*>(formatOrTag), arguments);
+    XmlPieces(file).Comment(FormatOf(formatOrTag), arguments);
   } else {
     WriteMessage(file, *message, severity, notForDisplay, timestamp, formatOrTag, arguments);
   }

@@ -152,7 +152,7 @@ bool IsSmallRequest(uint32_t category, size_t size, uint32_t sizeShift) {
   return TakeSlotLocked(bucket, page);
 }
 
-// What Allocate leaves: everything but a small request whose bucket is there and free.
+// What AllocateBlock leaves: everything but a small request whose bucket is there and free.
 [[gnu::noinline]] void* AllocateSlowly(uint32_t category, size_t size, uint32_t sizeShift,
                                        uint64_t self) {
   if (category >= kMaxCategories)
@@ -164,21 +164,6 @@ bool IsSmallRequest(uint32_t category, size_t size, uint32_t sizeShift) {
   ZelSizeClassBucket* const bucket = BucketFor(category, UnitsFor(size));
   if (bucket == nullptr) return nullptr;
   BucketGuard guard(&bucket->lock, self);
-  return TakeSlot(guard, bucket, category, sizeShift, self);
-}
-
-// Out of line and without a call that returns here, so that no register is saved: to restore one
-// would wait for the lock's last instruction, and the caller for it.
-[[gnu::noinline]] void* Allocate(uint32_t category, size_t size, uint32_t sizeShift,
-                                 uint64_t self) {
-  if (!IsSmallRequest(category, size, sizeShift)) [[unlikely]]
-    return AllocateSlowly(category, size, sizeShift, self);
-  ZelSizeClassBucket* const bucket = FindBucket(category, UnitsFor(size));
-  if (bucket == nullptr) [[unlikely]]
-    return AllocateSlowly(category, size, sizeShift, self);
-  BucketGuard guard(AtOnce(), &bucket->lock, self);
-  if (!guard.IsHeld()) [[unlikely]]
-    return AllocateSlowly(category, size, sizeShift, self);
   return TakeSlot(guard, bucket, category, sizeShift, self);
 }
 
@@ -234,7 +219,7 @@ void LogDoubleFree() {
   }
 }
 
-// What Free leaves: a block in use whose bucket is busy, or gone with an earlier allocator.
+// What FreeBlock leaves: a block in use whose bucket is busy, or gone with an earlier allocator.
 [[gnu::noinline]] void FreeSlowly(ZelAllocatorPage* page, uint64_t* header, uint64_t self) {
   ZelSizeClassBucket* const bucket = BucketFor(page->category, page->units);
   if (bucket == nullptr) return;
@@ -242,8 +227,26 @@ void LogDoubleFree() {
   FreeSlot(guard, bucket, page, header, self);
 }
 
-// Out of line for the same reason as Allocate.
-[[gnu::noinline]] void Free(uint64_t* header, uint64_t self) {
+}  // namespace
+
+// Out of line and without a call that returns here, so that no register is saved: to restore one
+// would wait for the lock's last instruction, and the caller for it.
+[[gnu::noinline]] void* AllocateBlock(uint32_t category, size_t size, uint32_t sizeShift,
+                                      uint64_t self) {
+  if (!IsSmallRequest(category, size, sizeShift)) [[unlikely]]
+    return AllocateSlowly(category, size, sizeShift, self);
+  ZelSizeClassBucket* const bucket = FindBucket(category, UnitsFor(size));
+  if (bucket == nullptr) [[unlikely]]
+    return AllocateSlowly(category, size, sizeShift, self);
+  BucketGuard guard(AtOnce(), &bucket->lock, self);
+  if (!guard.IsHeld()) [[unlikely]]
+    return AllocateSlowly(category, size, sizeShift, self);
+  return TakeSlot(guard, bucket, category, sizeShift, self);
+}
+
+// Out of line for the same reason as AllocateBlock.
+[[gnu::noinline]] void FreeBlock(void* block, uint64_t self) {
+  uint64_t* const header = HeaderOf(block);
   const uint64_t word = LoadRelaxed(*header);
   if ((word & kFreeMark) != 0) [[unlikely]]
     return FreeLargeOrRefuse(header, word);
@@ -256,8 +259,6 @@ void LogDoubleFree() {
     return FreeSlowly(page, header, self);
   FreeSlot(guard, bucket, page, header, self);
 }
-
-}  // namespace
 
 bool PageIsConsistent(const ZelAllocatorPage* page) {
   if (page->magic != kPageMagic || page->category >= kMaxCategories ||
@@ -299,10 +300,10 @@ bool BucketIsConsistent(const ZelSizeClassBucket* bucket) {
 using namespace zelrt;
 
 void* __ZelMalloc(unsigned int category, size_t size, unsigned int sizeShift) {
-  return Allocate(category, size, sizeShift, CallingOwner());
+  return AllocateBlock(category, size, sizeShift, CallingOwner());
 }
 void __ZelFree(void* block) {
-  if (block != nullptr) Free(HeaderOf(block), CallingOwner());
+  if (block != nullptr) FreeBlock(block, CallingOwner());
 }
 
 void* __ZelMallocInternal(size_t size) { return std::malloc(size); }

@@ -41,6 +41,11 @@ void LogCollectionDump(const char* startOrStop, uint64_t self);
 // allocator.cc
 // -------------------------------------------------------------------------------------
 
+// __ZelMalloc, and __ZelFree of a block that is not null, for a caller that has its owner value
+// already.
+void* AllocateBlock(uint32_t category, size_t size, uint32_t sizeShift, uint64_t self);
+void FreeBlock(void* block, uint64_t self);
+
 inline constexpr uint32_t kUnit = 16;        // granule of every size
 inline constexpr uint32_t kMaxUnits = 2046;  // of a small block, header included
 inline constexpr uint32_t kPageHeaderUnits = 3;

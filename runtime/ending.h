@@ -1,6 +1,8 @@
 // Who ends the process.
 #pragma once
 
+#include <time.h>
+
 #include <cstdint>
 
 namespace zelrt {
@@ -16,5 +18,23 @@ EndClaim ClaimEndOfProcess(uint64_t self);
 
 // Whether this thread got it.
 bool IsEndingProcess(uint64_t self);
+
+// How long the ending thread waits for what may never come free: the holder may be the thread
+// itself, or one that a fork has left behind.
+inline constexpr int64_t kEndingPatienceMs = 500;
+
+class Deadline {
+ public:
+  explicit Deadline(int64_t milliseconds) : end_(NowMs() + milliseconds) {}
+  bool HasPassed() const { return NowMs() >= end_; }
+
+ private:
+  static int64_t NowMs() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * int64_t{1000} + now.tv_nsec / 1'000'000;
+  }
+  const int64_t end_;
+};
 
 }  // namespace zelrt

@@ -2,30 +2,12 @@
 
 #include "runtime/locks.h"
 
+#include "runtime/back_off.h"
 #include "runtime/internal.h"
 #include "zelrt/locks.h"
 
 namespace zelrt {
 namespace {
-
-// How a waiter passes the time between two readings of a busy lock. On one processor nobody can
-// free the lock while the waiter runs, so it yields every time.
-class BackOff {
- public:
-  explicit BackOff(uint32_t spinCount) : spinCount_(spinCount) {}
-
-  // True when the step was a yield, after which an exchange is worth trying without a look.
-  bool Step() {
-    if (__ZelGetNProcs() != 1 && ++spins_ < spinCount_) return false;
-    spins_ = 0;
-    __ZelYield();
-    return true;
-  }
-
- private:
-  const uint32_t spinCount_;
-  uint32_t spins_ = 0;
-};
 
 // Rounds of a try: attempts that neither yield nor wait. More than one makes no sense when the
 // holder cannot run meanwhile.
@@ -165,8 +147,5 @@ uint32_t __ZelTryToAcquireExclusiveLock(ZelSharedExclusiveLock* lock, uint32_t t
 void __ZelReleaseExclusiveLock(ZelSharedExclusiveLock* lock) { ReleaseExclusiveLock(lock); }
 
 uint32_t __ZelIsExclusiveLockAcquiredByCallingThread(const ZelSharedExclusiveLock* lock) {
-  return LoadRelaxed(lock->state) == kExclusive &&
-                 LoadRelaxed(lock->exclusiveOwner) == CallingOwner()
-             ? 1
-             : 0;
+  return IsExclusiveLockHeldBy(lock, CallingOwner()) ? 1 : 0;
 }

@@ -160,11 +160,19 @@ inline void RecordExclusiveOwner(ZelSharedExclusiveLock* lock, uint64_t self) {
   lock->exclusiveRecursionCount = 1;
 }
 
-inline void AcquireExclusiveLock(ZelSharedExclusiveLock* lock, uint64_t self) {
-  if (ReenterExclusiveLock(lock, self)) return;
+// One attempt, and none if the lock is seen to be busy.
+inline bool AcquireExclusiveLockAtOnce(ZelSharedExclusiveLock* lock, uint64_t self) {
+  if (ReenterExclusiveLock(lock, self)) return true;
   if (LoadRelaxed(lock->state) != kFree || !TryExchangeExclusiveLock(lock)) [[unlikely]]
-    return WaitForExclusiveLock(lock, self);
+    return false;
   RecordExclusiveOwner(lock, self);
+  return true;
+}
+
+inline void AcquireExclusiveLock(ZelSharedExclusiveLock* lock, uint64_t self) {
+  if (AcquireExclusiveLockAtOnce(lock, self)) [[likely]]
+    return;
+  WaitForExclusiveLock(lock, self);
 }
 
 inline void ReleaseExclusiveLock(ZelSharedExclusiveLock* lock) {
@@ -176,6 +184,10 @@ inline void ReleaseExclusiveLock(ZelSharedExclusiveLock* lock) {
   lock->exclusiveRecursionCount = 0;
   StoreRelaxed(lock->exclusiveOwner, kNoOwner);  // before the exchange, as in ReleaseSpinLock
   AtomicCompareExchange(lock->state, kFree, kExclusive);
+}
+
+inline bool IsExclusiveLockHeldBy(const ZelSharedExclusiveLock* lock, uint64_t self) {
+  return LoadRelaxed(lock->state) == kExclusive && LoadRelaxed(lock->exclusiveOwner) == self;
 }
 
 }  // namespace zelrt

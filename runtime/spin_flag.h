@@ -9,8 +9,9 @@ namespace zelrt {
 class SpinFlag {
  public:
   void Take() {
-    while (AtomicCompareExchange(taken_, 1, 0) != 0) __ZelYield();
+    while (!TryTake()) __ZelYield();
   }
+  bool TryTake() { return AtomicCompareExchange(taken_, 1, 0) == 0; }
   void GiveBack() { StoreRelease(taken_, 0); }
 
  private:

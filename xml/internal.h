@@ -35,8 +35,9 @@ inline void RecordXmlFileOwner(ZelXmlFile* file, uint64_t self) {
 // Puts consecutive pieces together, so that the stream is called once for most of them. They are
 // written when the object goes.
 //
-// The stream's own lock is only spared a thread that holds the file's: whoever writes without gets
-// a mixed up file, not a broken stream.
+// The stream's own lock is only spared a thread that holds the file's. Threads that all write
+// without get a mixed up file, not a broken stream; one that writes while another holds the lock
+// may break it.
 class XmlPieces {
  public:
   explicit XmlPieces(ZelXmlFile* file)

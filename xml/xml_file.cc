@@ -1,5 +1,7 @@
 // XML output files: opening and closing, the lock, and the pieces.
 
+#include <stdio_ext.h>
+
 #include "xml/internal.h"
 #include "zelrt/files.h"
 #include "zelrt/memory.h"
@@ -91,8 +93,11 @@ uint32_t __ZelXMLReopenFile(ZelXmlFile* file) {
   FILE* const stream = __ZelFopen(file->path, "a", nullptr);
   if (stream == nullptr) return 0;
   // The old stream is abandoned, with its buffer. To close it would close its descriptor's number,
-  // which may be another file of the host's by now. The new one does with the buffer that it makes
-  // itself: the caller may hold the log file's lock, under which the allocator must not be asked.
+  // which may be another file of the host's by now; for the same reason the C library must not find
+  // anything in it to write when it flushes all streams. The new one does with the buffer that it
+  // makes itself: the caller may hold the log file's lock, under which the allocator must not be
+  // asked.
+  if (file->stream != nullptr) __fpurge(file->stream);
   file->stream = stream;
   file->streamBuffer = nullptr;
   return 1;

@@ -78,8 +78,9 @@ ZEL_API uint32_t __ZelRegisterInternalZELRTLogMessages(void);
  * bits; then follow its value and, for each further argument, tag and value. An unknown tag leaves
  * this and all further arguments empty; fewer values than the message has names are not detected.
  * For a text or a comment, formatOrTag is the address of a printf format, followed by its
- * arguments; an id that is not registered makes such a comment. notForDisplay not 0 marks the
- * record. C++ callers have zelrt::Log below, which cannot be given a wrong tag. */
+ * arguments; an id that is not registered makes such a comment, an empty one when a tag follows.
+ * notForDisplay not 0 marks the record. C++ callers have zelrt::Log below, which cannot be given a
+ * wrong tag. */
 ZEL_API void __ZelLogInternal(uint32_t severity, uint32_t messageId, uint32_t notForDisplay,
                               uint64_t formatOrTag, ...);
 
@@ -134,8 +135,8 @@ ZEL_API void __ZelExitHandler(int32_t code) ZEL_NO_RETURN;
 /* Logs "ABNORMAL_TERMINATE", then __ZelExitHandler(code). */
 ZEL_API void __ZelFatalExit(int32_t code) ZEL_NO_RETURN;
 
-/* Reports a defect of the tool itself, in the log or, before start-up, on standard output; then
- * __ZelFatalExit(-1). */
+/* Reports a defect of the tool itself and the calling thread's stack (zelrt/call_stacks.h), in the
+ * log or, before start-up, on standard output; then __ZelFatalExit(-1). */
 ZEL_API void __ZelLogFatalToolDefect(const char* format, ...) ZEL_NO_RETURN ZEL_PRINTF_LIKE(1, 2);
 
 /* Debug channels: traces that are off until an option text names them. A channel's id is its index

@@ -9,7 +9,7 @@
 
 namespace zelrt {
 
-enum ZELFACCESSMODE {
+enum ZELFACCESSMODE : uint32_t {
   ZELFACCESS_EXIST = 0,  // also any value that is not listed
   ZELFACCESS_READ = 1,
   ZELFACCESS_WRITE = 2,

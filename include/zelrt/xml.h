@@ -13,7 +13,8 @@
  * handle is ignored. What cannot be written is lost; no call reports it but closing.
  *
  * Writing takes no lock. Threads that share a file put what belongs together between acquire and
- * release: what two threads write at the same time without is mixed up. */
+ * release: what two threads write at the same time without is mixed up. All of them do, or none:
+ * the lock spares its holder that of the stream. */
 #ifndef ZELRT_XML_H
 #define ZELRT_XML_H
 

@@ -80,11 +80,60 @@ static void CallMemory(void) {
   __ZelFree(block);
 }
 
+static uint32_t Acquire(void* data) { return *(uint32_t*)data; }
+static uint32_t AcquireTid(void* data, uint32_t tid) { return *(uint32_t*)data + tid; }
+static uint32_t Visit(void* data, void* context) { return data == context ? 1 : 0; }
+static uint64_t HashOf(const ZelHashTable* table, uint64_t key) {
+  return table != NULL ? key >> 4 : 0;
+}
+
+static void CallHashTable(void) {
+  const ZelHashFunction hashes[2] = {HashOf, NULL};
+  ZelHashTable* const table = __ZelCreateHashTable(0, hashes, 2, NULL, NULL, 1, 0);
+  uint32_t item = 5;
+  CHECK(__ZelInsertHashTableEntry(table, UINT64_C(1) << 63, &item) == &item);
+  CHECK(__ZelLookupHashTable(table, UINT64_C(1) << 63) == &item);
+  void* data = NULL;
+  CHECK(__ZelLookupAndAcquireHashTableDataItem(table, UINT64_C(1) << 63, Acquire, &data) == 5);
+  CHECK(__ZelLookupAndAcquireHashTableDataItemTid(table, UINT64_C(1) << 63, AcquireTid, &data, 7) ==
+        12);
+  CHECK(data == &item);
+  uint32_t count = 0;
+  CHECK(__ZelScanHashTable(table, Visit, &item, 0, Acquire, &count) == 0 && count == 1);
+  CHECK(__ZelRemoveHashTableEntry(table, UINT64_C(1) << 63) == &item);
+  CHECK(__ZelScanAndEmptyHashTable(table, NULL, &count) == 0 && count == 0);
+  __ZelDestroyHashTable(table, NULL);
+}
+
+static uint32_t IsSum(uint32_t argument1, uintptr_t argument2, uintptr_t value) {
+  return argument1 + argument2 == value;
+}
+
+static void CallQueue(void) {
+  ZelQueue* const queue = __ZelCreateQueue(ZEL_QUEUE_FLAG_LOCKING, 0);
+  for (uintptr_t value = 1; value <= 3; ++value) __ZelEnqueue(queue, value);
+  CHECK(__ZelPeekQueue(queue, IsSum, 1, 2, 0) == 3);
+  CHECK(__ZelDequeue(queue) == 1 && __ZelIsQueueEmpty(queue) == 0);
+  __ZelDestroyQueue(queue);
+  __ZelFree(queue);
+}
+
+static void CallVector(void) {
+  ZelVector* const vector = __ZelCreateVector(0);
+  CHECK(__ZelSetVectorElement(vector, 300, UINT64_C(1) << 63) == 0);
+  CHECK(__ZelGetVectorElement(vector, 300) == UINT64_C(1) << 63);
+  CHECK(vector->pages[0] == vector->firstPage && vector->sizeAndCategory == 301);
+  __ZelDestroyVector(vector);
+}
+
 static void CallPlatform(void) {
   CHECK(__ZelGetNativePageSize() == (uint32_t)sysconf(_SC_PAGESIZE));
   unsigned int registers[4] = {0};
   __ZelCpuidEx(0, 0, registers);
   CHECK(registers[0] > 0 && registers[1] != 0);
+  uint64_t frames[ZEL_MAX_STACK_FRAMES];
+  CHECK(__ZelCaptureCurrentStackBackTrace(frames) > 0);
+  CHECK(__ZelFindModuleByAddress(frames[0]) == NULL);
 }
 
 static void EndWithCode(int32_t code) { _exit(code); }
@@ -133,13 +182,129 @@ static void CallFilesAndXml(void) {
   rmdir(folder);
 }
 
+static void* g_released;
+static void NoteReleased(void* data) { g_released = data; }
+
+static void CallRangeTable(void) {
+  ZelRangeTable* const table = __ZelCreateRangeTable(1 << 20, 1, 0, 0, NoteReleased);
+  const uint64_t base = UINT64_C(0x7fff00001010);
+  __ZelInsertRangeTableEntry(table, base, base + 100, table);
+  uint64_t start, end;
+  CHECK(__ZelLookupRangeTable(table, base + 99, &start, &end) == table);
+  CHECK(start == base && end == base + 100);
+  CHECK(__ZelLookupRangeTable(table, base + 100, NULL, &end) == NULL && end == 0);
+  __ZelDestroyRangeTableSpan(table, base + 50, 100, &start, &end);
+  CHECK(start == base && end == base + 150 && g_released == table);
+  __ZelDestroyRangeTable(table);
+}
+
+static int32_t CompareDescending(uint64_t a, uint64_t b) { return (a < b) - (a > b); }
+static uint64_t g_freedKey;
+static void NoteKey(uint64_t key) { g_freedKey = key; }
+
+static void CallRedBlackTree(void) {
+  ZelRedBlackTree* const tree = __ZelCreateRedBlackTree(1, CompareDescending, NULL, NoteKey);
+  uint64_t key = UINT64_C(5) << 60;
+  __ZelInsertRedBlackEntry(tree, key, tree);
+  const ZelRedBlackNode* const node = __ZelGetRedBlackRangeStart(tree, UINT64_MAX, 0);
+  void* item = NULL;
+  CHECK(__ZelGetRedBlackItem(node, &item) == 1 && item == tree);
+  CHECK(__ZelGetRedBlackKey(node, &key) == 1 && key == UINT64_C(5) << 60);
+  CHECK(__ZelGetRedBlackRangeNext(node, 0) == NULL && __ZelValidateRedBlack(tree) == 1);
+  __ZelDestroyRedBlackTree(tree);
+  CHECK(g_freedKey == key);
+}
+
+static uint32_t CountValue(const char* text, void* context) {
+  return *(uint32_t*)context += (uint32_t)strlen(text);
+}
+
+static void CallOptions(void) {
+  const uint32_t parser = __ZelGetOptionParser("c_calls");
+  const uint32_t level = __ZelRegisterIntegerOption(parser, "-level", "Level", -7, 0xF0000000u, 1);
+  const uint32_t lib = __ZelRegisterPathOption(parser, "-lib", "Library", NULL, 0, 1, 1);
+  CHECK(parser == 0 && level == 0 && lib == 1);
+  CHECK(__ZelGetIntegerOptionValue(parser, level) == -7);
+  CHECK(__ZelGetOptionFlags(parser, level) == 0xF0000000u);
+  const char* const arguments[] = {"-level", "0x7fffffff", "-lib", "a//b", "-lib", "c"};
+  CHECK(__ZelParseOptions2(parser, 6, arguments) == 1);
+  CHECK(__ZelGetIntegerOptionValue(parser, level) == 0x7fffffff);
+  CHECK(strcmp(__ZelGetPathOptionArgumentValue(parser, lib, 1), "a/b") == 0);
+  uint32_t sum = 1;
+  CHECK(__ZelProcessAppendOptionValues(parser, lib, CountValue, &sum) == 5 && sum == 5);
+  CHECK(__ZelPrintHelp(parser, 0) == 0);
+  CHECK(__ZelReleaseOptionParserHandle(parser, "c_calls") == 1);
+}
+
+static int CountUp(uint32_t element, void* sum) { return (int)(*(uint32_t*)sum += element); }
+
+static void CallSetsAndStrings(void) {
+  ZelSet set = {0, 3, NULL};
+  ZelMultiSet multiset = {0, 4, NULL};
+  __ZelAddAnElementToSet(&set, 63);
+  __ZelUnionMultiSetSet(&multiset, &set);
+  uint32_t sum = 0, countAndCategory = 0;
+  __ZelScanSet((const ZelSet*)&multiset, CountUp, &sum);
+  memcpy(&countAndCategory, &multiset, sizeof countAndCategory);
+  CHECK(sum == 63 && countAndCategory == 0x04000001 && multiset.first->counts[63] == 1);
+  CHECK(__ZelIsAnElementOfSet((const ZelSet*)&multiset, 63) == 0x80000000u);
+
+  ZelString* const string = __ZelStrAlloc(0, 4, "text");
+  __ZelStrAppend(string, "s");
+  CHECK(string->length == 5 && string->capacity == 8 && strcmp(string->text, "texts") == 0);
+}
+
+static void CallChecksums(void) { CHECK(__ZelCRC32("123456789", 9) == 0xCBF43926u); }
+
+static void KeepRecord(const ZelZCARecord* record, void* context) {
+  *(ZelZCARecord*)context = *record;
+}
+
+static void CallAnnotations(void) {
+  static const unsigned char table[] =
+      ".wex_notify_tab\0\2\1\0\0\1\0\0\0\100\0\0\0\2\0\0\0\102\0\0\0\3\0\0\0"
+      "\0\0\0\0\0\0\0\0\20\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0n\0\2\167\170";
+  ZelZCARecord record;
+  memset(&record, 0, sizeof record);
+  __ZelZCAParseAndProcessRecords(0, table, sizeof table - 1, KeepRecord, &record);
+  CHECK(record.address == 16 && record.argumentCount == 1 && strcmp(record.name, "n") == 0);
+  CHECK(record.arguments[0].value == 7 && record.arguments[0].offset == -8);
+  CHECK((ZEL_ZCA_FLAG_PCREL | ZEL_ZCA_FLAG_PROBE | ZEL_ZCA_FLAG_32BIT) == 7);
+
+  char line[] = "a \"/m\" 1a0 0x10 100";
+  ZelZCADefinition definition;
+  memset(&definition, 0, sizeof definition);
+  CHECK(__ZelZCAParseDefinition(line, &definition) == 1 && definition.address == 0x1a0);
+  __ZelFree(definition.name);
+  __ZelFree(definition.module);
+  __ZelFree(definition.arguments);
+
+  char path[] = "/tmp/zelrt-c-calls-XXXXXX";
+  const int file = mkstemp(path);
+  CHECK(write(file, "a \"/m\" 1a0 0x10 100", 20) == 20 && close(file) == 0);
+  CHECK(__ZelZCALoadExternalDefinitions(path) == 1);
+  __ZelZCAProcessExternalRecords("/m", UINT64_C(1) << 40, KeepRecord, &record);
+  CHECK(record.address == (UINT64_C(1) << 40) + 0xa0 && record.arguments[1].value == 0x100);
+  __ZelZCACleanupDefinitions();
+  unlink(path);
+}
+
 int main(void) {
   CallRuntime();
   CallAtomics();
   CallLocks();
   CallMemory();
+  CallHashTable();
+  CallQueue();
+  CallVector();
   CallPlatform();
   CallLog();
   CallFilesAndXml();
+  CallRangeTable();
+  CallRedBlackTree();
+  CallOptions();
+  CallSetsAndStrings();
+  CallChecksums();
+  CallAnnotations();
   return g_failures == 0 ? 0 : 1;
 }

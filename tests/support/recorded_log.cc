@@ -76,6 +76,7 @@ void __ZelLogInternal(uint32_t severity, uint32_t messageId, uint32_t, uint64_t 
       {ZELLOG_MSG_COLLECT_MEMORY, "COLLECT_MEMORY"},
       {ZELLOG_MSG_MEMORY_IS_TIGHT, "MEMORY_IS_TIGHT"},
       {ZELLOG_MSG_FREEING_RESERVES, "FREEING_RESERVES"},
+      {ZELLOG_MSG_FAIL_OPEN_FILE, "FAIL_OPEN_FILE"},
   };
   static const char* const severities[] = {"ERROR", "WARNING", "INFO"};
   va_list arguments;
@@ -87,6 +88,7 @@ void __ZelLogInternal(uint32_t severity, uint32_t messageId, uint32_t, uint64_t 
   } else {
     line += std::string(" ") + name->second;
     if (formatOrTag == ZELLOG_ARG_INT) line += " " + std::to_string(va_arg(arguments, int32_t));
+    if (formatOrTag == ZELLOG_ARG_STRING) line += std::string(" ") + va_arg(arguments, const char*);
   }
   va_end(arguments);
   Keep(line);

@@ -11,7 +11,7 @@
 namespace zeltest {
 
 // What was logged, one entry a call: the text of a comment; else the severity, then the text of an
-// internal error, or the name of a message and its number where it has one.
+// internal error, or the name of a message and its number or text where it has one.
 std::vector<std::string> LoggedLines();
 size_t CountLogged(const std::string& line);
 void ClearLog();

@@ -1,0 +1,26 @@
+// What tests of the allocator's users ask of its pages.
+#pragma once
+
+#include "memory/internal.h"
+#include "tests/support/fake_backing.h"
+
+namespace zeltest {
+
+inline uint32_t CategoryOfBlock(const void* smallBlock) {
+  const uint64_t header = static_cast<const uint64_t*>(smallBlock)[-1];
+  return reinterpret_cast<const zelrt::ZelAllocatorPage*>(header)->category;
+}
+
+// True when all that the fake backing pair has given out is the bucket table and empty pages.
+inline bool NoBlockIsInUse() {
+  size_t emptyPages = 0;
+  for (uint32_t i = 0; i < zelrt::kMaxCategories * zelrt::kMaxUnits; ++i) {
+    const auto* bucket = zelrt::FindBucket(i / zelrt::kMaxUnits, i % zelrt::kMaxUnits + 1);
+    if (bucket == nullptr) continue;
+    for (const auto* page = bucket->pages; page != nullptr; page = page->next)
+      emptyPages += page->freeCount == page->capacity;
+  }
+  return backing::LiveBlocks() == 1 + emptyPages;
+}
+
+}  // namespace zeltest
