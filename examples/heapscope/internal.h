@@ -10,11 +10,13 @@
 #pragma once
 
 #include <atomic>
-#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 
+#include "examples/heapscope/call_path.h"
+#include "examples/heapscope/modules.h"
+#include "examples/heapscope/options.h"
 #include "examples/heapscope/size_classes.h"
 
 namespace heapscope {
@@ -46,6 +48,8 @@ struct Process {
 int64_t NowMs();
 
 extern constinit Process g_process;
+
+extern constinit Options g_options;  // those in force
 
 // interpose.cc -----------------------------------------------------------------------------------
 
@@ -93,29 +97,36 @@ size_t ArenaBlockSize(const void* block);
 // Gives the library memory from mmap. False when there is not even enough for its first table.
 bool SetUpOwnMemory();
 
-// Holds the growth lock, and keeps errno, around calls of the library that may allocate. The thread
-// holds a stripe's lock.
-class LibraryHold {
- public:
-  LibraryHold();
-  ~LibraryHold();
-  LibraryHold(const LibraryHold&) = delete;
-  LibraryHold& operator=(const LibraryHold&) = delete;
+// True for ever once the system has refused memory: from then on, new calls must not ask the
+// library for more. Files may be written as long as there is memory for them.
+bool IsMemoryShort();
+bool HasMemoryForFiles();
 
-  // Whether the library can have what opening a file takes. It must not ask for more than there is:
-  // the process would end.
-  bool HasMemoryForFiles();
+// What the memory is for. The library has a category for each of them but the first.
+enum class OwnMemory : uint8_t { kAllocator, kFiles, kLiveBlocks, kSites };
+inline constexpr size_t kOwnMemoryPurposes = 4;
+
+void RegisterOwnMemoryCategories();
+uint32_t CategoryOf(OwnMemory purpose);
+
+// Tells what a thread's calls of the library ask for memory for.
+class MemoryPurpose {
+ public:
+  explicit MemoryPurpose(OwnMemory purpose) : outer_(t_purpose) { t_purpose = purpose; }
+  ~MemoryPurpose() { t_purpose = outer_; }
+  MemoryPurpose(const MemoryPurpose&) = delete;
+  MemoryPurpose& operator=(const MemoryPurpose&) = delete;
+
+  static OwnMemory OfThread() { return t_purpose; }
 
  private:
-  const int keptErrno_ = errno;
+  static constinit thread_local OwnMemory t_purpose;
+  const OwnMemory outer_;
 };
 
-// As __ZelMalloc and __ZelFree, for a thread that holds a stripe's lock; but the process does not
-// end for want of memory: the result is null. Both leave errno alone.
-void* AllocateOwn(uint32_t category, size_t size, uint32_t sizeShift);
-void FreeOwn(void* block);
-
-uint64_t OwnMappedBytes();  // what is mapped now
+const char* NameOf(OwnMemory purpose);
+uint64_t OwnBytes(OwnMemory purpose);  // that the library got
+uint64_t OwnMappedBytes();             // what is mapped, with what is kept back
 
 // record.cc --------------------------------------------------------------------------------------
 
@@ -134,7 +145,7 @@ enum class Function : uint8_t {
 inline constexpr size_t kFunctions = 10;
 extern const char* const kFunctionNames[kFunctions];
 
-void RecordAllocation(Function function, const void* block, size_t size);
+void RecordAllocation(Function function, const Caller& caller, const void* block, size_t size);
 void RecordFailure(Function function, size_t size);
 
 // Before the real function frees the block: afterwards another thread may be given the address.
@@ -144,14 +155,15 @@ void RecordFree(const void* block);
 // or says what became of it: block is null when the size was 0 and the block is gone.
 struct TakenBlock {
   bool isKnown;
+  uint32_t site;
   size_t size;
 };
 TakenBlock TakeBlock(const void* block);
 void PutBackBlock(Function function, const void* block, TakenBlock taken, size_t refusedSize);
-void RecordReallocation(Function function, const void* old, TakenBlock taken, const void* block,
-                        size_t size);
+void RecordReallocation(Function function, const Caller& caller, const void* old, TakenBlock taken,
+                        const void* block, size_t size);
 
-// Holds a stripe's lock, for calls of the library that no block is the reason of, unless a fork
+// Holds a shard's lock, for calls of the library that no block is the reason of, unless a fork
 // keeps it for too long.
 class NoForkMeanwhile {
  public:
@@ -217,6 +229,34 @@ uint32_t ThreadPlaces();
 ThreadFigures ReadThread(uint32_t place);
 void StartChildThreads();
 
+// sites.cc ---------------------------------------------------------------------------------------
+
+// A head, which the places follow, innermost first. They are inside the instructions that call.
+struct SitePath {
+  uint64_t hash;
+  uint64_t count;
+
+  Place* Places() { return reinterpret_cast<Place*>(this + 1); }
+  const Place* Places() const { return reinterpret_cast<const Place*>(this + 1); }
+};
+
+struct SiteFigures {
+  const SitePath* path;  // null: all for which there was no site
+  Amount inherited;
+  Amount allocated;
+  Amount freed;
+  uint64_t peakBytes;  // most that were live at one time
+
+  Amount Live() const {
+    return {inherited.blocks + allocated.blocks - freed.blocks,
+            inherited.bytes + allocated.bytes - freed.bytes};
+  }
+};
+void SetUpSites();
+uint32_t NumberOfSites();
+SiteFigures ReadSite(uint32_t number);
+void StartChildSites();
+
 // output.cc --------------------------------------------------------------------------------------
 
 void OpenOutput();
@@ -225,13 +265,12 @@ void WriteOutput(const char* text, size_t length);
 
 // own_files.cc -----------------------------------------------------------------------------------
 
-// Result file and log are kept in the directory that HEAPSCOPE_DIRECTORY names at the start.
-void OpenOwnFiles();
-bool HasOwnFiles();
+void LockOwnFiles();
+void UnlockOwnFiles();
 
-// Stores the path of this process's file of that kind: "heapscope.<process>.<kind>". False when
-// there is no directory.
-bool OwnFilePath(const char* kind, char* path, size_t size);
+// Store the path of this process's log, and of its result file. False when there is to be none.
+bool LogFilePath(char* path, size_t size);
+bool ResultFilePath(char* path, size_t size);
 
 // As fopen with "w" or "a", for a thread that is writing.
 FILE* OpenOwnStream(const char* path, const char* mode);
@@ -240,7 +279,7 @@ FILE* OpenOwnStream(const char* path, const char* mode);
 
 enum class Problem : uint8_t { kUnknownFree, kUnseenFree, kUntracked };
 
-// For a thread that holds a stripe's lock. Each kind of problem has a limited number of records.
+// For a thread that holds a shard's lock. Each kind of problem has a limited number of records.
 void LogProblem(Problem problem, uintptr_t address, size_t size);
 void LogFailure(Function function, size_t size);
 

@@ -1,4 +1,4 @@
-// The allocation functions that take the place of the C library's, _exit and fopen.
+// The functions that take the place of the C library's: those that allocate, _exit, fopen, dlclose.
 //
 // Each calls the real function of its name and records what came of it: blocks, results and errno
 // are the real function's. reallocarray is the exception: the real one would come back through
@@ -9,6 +9,7 @@
 // calls itself when it writes.
 
 #include <dlfcn.h>
+#include <link.h>
 #include <malloc.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -40,6 +41,7 @@ struct RealFunctions {
   decltype(&::malloc_usable_size) usableSize;
   void (*exit)(int);
   decltype(&::fopen) fopen;
+  decltype(&::dlclose) dlclose;
 };
 constinit RealFunctions g_real = {};
 
@@ -94,14 +96,15 @@ template <typename Real>
 }
 
 template <typename Real>
-inline void* Allocate(Function function, size_t alignment, size_t size, Real real) {
+inline void* Allocate(Function function, const Caller& caller, size_t alignment, size_t size,
+                      Real real) {
   const Call call;
   if (call.GoesToArena()) [[unlikely]]
     return AllocateInArena(alignment, size, real);
   void* const block = real();
   if (!call.IsRecorded()) return block;
   if (block != nullptr) [[likely]] {
-    RecordAllocation(function, block, size);
+    RecordAllocation(function, caller, block, size);
   } else {
     RecordFailure(function, size);
   }
@@ -109,7 +112,8 @@ inline void* Allocate(Function function, size_t alignment, size_t size, Real rea
 }
 
 // The arena knows no growing: the contents move to a new block.
-void* ReallocateFromArena(const Call& call, Function function, void* old, size_t size) {
+void* ReallocateFromArena(const Call& call, Function function, const Caller& caller, void* old,
+                          size_t size) {
   if (size == 0) {
     ArenaFree(old);
     return nullptr;
@@ -119,16 +123,16 @@ void* ReallocateFromArena(const Call& call, Function function, void* old, size_t
   if (block == nullptr) return nullptr;
   std::memcpy(block, old, std::min(size, ArenaBlockSize(old)));
   ArenaFree(old);
-  if (call.IsRecorded()) RecordAllocation(function, block, size);
+  if (call.IsRecorded()) RecordAllocation(function, caller, block, size);
   return block;
 }
 
-void* Reallocate(Function function, void* old, size_t size) {
+void* Reallocate(Function function, const Caller& caller, void* old, size_t size) {
   if (old == nullptr)
-    return Allocate(function, 0, size, [size] { return g_real.realloc(nullptr, size); });
+    return Allocate(function, caller, 0, size, [size] { return g_real.realloc(nullptr, size); });
   const Call call;
   if (IsInArena(old)) [[unlikely]]
-    return ReallocateFromArena(call, function, old, size);
+    return ReallocateFromArena(call, function, caller, old, size);
   if (!call.IsRecorded()) return g_real.realloc(old, size);
 
   const TakenBlock taken = TakeBlock(old);
@@ -136,9 +140,21 @@ void* Reallocate(Function function, void* old, size_t size) {
   if (block == nullptr && size != 0) {
     PutBackBlock(function, old, taken, size);
   } else {
-    RecordReallocation(function, old, taken, block, size);
+    RecordReallocation(function, caller, old, taken, block, size);
   }
   return block;
+}
+
+// Since the start of the process. Not to be called where a lock is held.
+unsigned long long ModulesUnloaded() {
+  unsigned long long count = 0;
+  dl_iterate_phdr(
+      [](dl_phdr_info* info, size_t, void* result) {
+        *static_cast<unsigned long long*>(result) = info->dlpi_subs;
+        return 1;
+      },
+      &count);
+  return count;
 }
 
 size_t PageAlignment() { return static_cast<size_t>(sysconf(_SC_PAGESIZE)); }
@@ -158,26 +174,33 @@ bool FindRealFunctions() {
 
 using namespace heapscope;
 
+// The caller of the function that it stands in.
+#define HEAPSCOPE_CALLER (Caller{__builtin_return_address(0), __builtin_frame_address(0)})
+
 #pragma GCC visibility push(default)
 extern "C" {
 
 void* malloc(size_t size) noexcept {
-  return Allocate(Function::kMalloc, 0, size, [size] { return g_real.malloc(size); });
+  return Allocate(Function::kMalloc, HEAPSCOPE_CALLER, 0, size,
+                  [size] { return g_real.malloc(size); });
 }
 
 void* calloc(size_t count, size_t size) noexcept {
   size_t total;
   // Too much for the real function too, and for the arena.
   if (__builtin_mul_overflow(count, size, &total)) total = SIZE_MAX;
-  return Allocate(Function::kCalloc, 0, total, [=] { return g_real.calloc(count, size); });
+  return Allocate(Function::kCalloc, HEAPSCOPE_CALLER, 0, total,
+                  [=] { return g_real.calloc(count, size); });
 }
 
-void* realloc(void* old, size_t size) noexcept { return Reallocate(Function::kRealloc, old, size); }
+void* realloc(void* old, size_t size) noexcept {
+  return Reallocate(Function::kRealloc, HEAPSCOPE_CALLER, old, size);
+}
 
 void* reallocarray(void* old, size_t count, size_t size) noexcept {
   size_t total;
   if (!__builtin_mul_overflow(count, size, &total))
-    return Reallocate(Function::kReallocarray, old, total);
+    return Reallocate(Function::kReallocarray, HEAPSCOPE_CALLER, old, total);
   if (const Call call; call.IsRecorded()) RecordFailure(Function::kReallocarray, SIZE_MAX);
   errno = ENOMEM;
   return nullptr;
@@ -195,7 +218,7 @@ int posix_memalign(void** result, size_t alignment, size_t size) noexcept {
   const int error = g_real.posixMemalign(result, alignment, size);
   if (!call.IsRecorded()) return error;
   if (error == 0) {
-    RecordAllocation(Function::kPosixMemalign, *result, size);
+    RecordAllocation(Function::kPosixMemalign, HEAPSCOPE_CALLER, *result, size);
   } else {
     RecordFailure(Function::kPosixMemalign, size);
   }
@@ -203,21 +226,22 @@ int posix_memalign(void** result, size_t alignment, size_t size) noexcept {
 }
 
 void* aligned_alloc(size_t alignment, size_t size) noexcept {
-  return Allocate(Function::kAlignedAlloc, alignment, size,
+  return Allocate(Function::kAlignedAlloc, HEAPSCOPE_CALLER, alignment, size,
                   [=] { return g_real.alignedAlloc(alignment, size); });
 }
 
 void* memalign(size_t alignment, size_t size) noexcept {
-  return Allocate(Function::kMemalign, alignment, size,
+  return Allocate(Function::kMemalign, HEAPSCOPE_CALLER, alignment, size,
                   [=] { return g_real.memalign(alignment, size); });
 }
 
 void* valloc(size_t size) noexcept {
-  return Allocate(Function::kValloc, PageAlignment(), size, [size] { return g_real.valloc(size); });
+  return Allocate(Function::kValloc, HEAPSCOPE_CALLER, PageAlignment(), size,
+                  [size] { return g_real.valloc(size); });
 }
 
 void* pvalloc(size_t size) noexcept {
-  return Allocate(Function::kPvalloc, PageAlignment(), size,
+  return Allocate(Function::kPvalloc, HEAPSCOPE_CALLER, PageAlignment(), size,
                   [size] { return g_real.pvalloc(size); });
 }
 
@@ -250,6 +274,15 @@ void _Exit(int status) noexcept { _exit(status); }
 FILE* fopen(const char* path, const char* mode) {
   if (g_real.fopen == nullptr && !Find("fopen", &g_real.fopen)) return nullptr;
   return t_isWriting ? OpenOwnStream(path, mode) : g_real.fopen(path, mode);
+}
+
+// Modules may go here.
+int dlclose(void* handle) noexcept {
+  if (g_real.dlclose == nullptr && !Find("dlclose", &g_real.dlclose)) return -1;
+  const unsigned long long before = ModulesUnloaded();
+  const int result = g_real.dlclose(handle);
+  if (ModulesUnloaded() != before) StartNewModuleEpoch();
+  return result;
 }
 
 }  // extern "C"

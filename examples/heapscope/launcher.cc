@@ -1,10 +1,13 @@
-// heapscope: starts a program with the collector loaded into it.
+// heapscope: starts a program with the collector loaded into it, and ends as the program does.
 //
 // The collector's library lies beside the launcher, as in a build directory, or where the
-// installation puts it. It is told where to write through the environment, which children inherit.
+// installation puts it. It is told what the user wants through the environment.
 
 #include <fcntl.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,8 +18,13 @@
 #include <string>
 
 #include "examples/heapscope/file_pattern.h"
+#include "examples/heapscope/options.h"
+#include "examples/heapscope/program_check.h"
+#include "zelrt/log.h"
 
 namespace {
+
+using heapscope::Options;
 
 // As env and nohup have them: the launcher's own failures are told from those of the program.
 constexpr int kLauncherFailed = 125;
@@ -26,17 +34,12 @@ constexpr int kProgramNotFound = 127;
 constexpr char kLibraryName[] = "libheapscope.so";
 
 constexpr char kUsage[] =
-    "Usage: heapscope [-d DIRECTORY] [-o FILE] [--] PROGRAM [ARGUMENT...]\n"
+    "Usage: heapscope [OPTION...] -- PROGRAM [ARGUMENT...]\n"
     "Runs the program, counts its heap allocations, and writes a summary to standard error when\n"
     "it exits.\n"
-    "\n"
-    "  -d DIRECTORY\n"
-    "           for each process, keep a result file and a log in DIRECTORY, which is made if "
-    "need\n"
-    "           be: heapscope.PROCESS.xml and heapscope.PROCESS.log\n"
-    "  -o FILE  write to FILE, where the program's child processes write their summaries too; %p\n"
-    "           in FILE stands for the process id, %% for a percent sign\n"
-    "  -h       show this help\n";
+    "\n";
+
+constinit Options g_options;
 
 [[noreturn]] void Fail(const std::string& text) {
   std::fprintf(stderr, "heapscope: %s\n", text.c_str());
@@ -100,14 +103,57 @@ void PrepareFile(const std::string& pattern) {
   close(file);
 }
 
-void DirectOutput(const char* pattern) {
-  if (pattern != nullptr) {
-    const std::string absolute = AbsolutePath(pattern);
-    PrepareFile(absolute);
-    SetVariable("HEAPSCOPE_OUTPUT", absolute);
-    return;
+// What the collector is told: the options as they are in force, names of files in full.
+class CollectorsOptions {
+ public:
+  void AddFlag(const char* name, bool value) { AddWord(value ? name : std::string("-no") + name); }
+  void Add(const char* name, const std::string& value) {
+    AddWord(name);
+    AddWord(value);
   }
-  unsetenv("HEAPSCOPE_OUTPUT");
+  const std::string& Text() const { return text_; }
+
+ private:
+  void AddWord(const std::string& word) {
+    if (!text_.empty()) text_ += Options::kSeparator;
+    text_ += word;
+  }
+  std::string text_;
+};
+
+std::string PrepareDirectory(const char* directory) {
+  if (mkdir(directory, 0777) != 0 && errno != EEXIST) FailWithError(directory);
+  char* const absolute = realpath(directory, nullptr);
+  if (absolute == nullptr || access(absolute, W_OK | X_OK) != 0) FailWithError(directory);
+  const std::string result = absolute;
+  std::free(absolute);
+  return result;
+}
+
+std::string PreparePattern(const char* pattern) {
+  const std::string absolute = AbsolutePath(pattern);
+  PrepareFile(absolute);
+  return absolute;
+}
+
+void TellCollector() {
+  CollectorsOptions options;
+  constexpr const char* kStackNames[] = {"unwind", "fp", "caller"};
+  options.Add("-stack", kStackNames[static_cast<size_t>(g_options.Stack())]);
+  options.Add("-depth", std::to_string(g_options.Depth()));
+  options.AddFlag("-children", g_options.KeepsChildren());
+  if (const char* const text = g_options.Dump(); text != nullptr) options.Add("-dump", text);
+  if (const char* const out = g_options.OutDirectory(); out != nullptr)
+    options.Add("-out", PrepareDirectory(out));
+  if (const char* const log = g_options.LogPattern(); log != nullptr)
+    options.Add("-log", PreparePattern(log));
+  if (const char* const summary = g_options.SummaryPattern(); summary != nullptr)
+    options.Add("-summary", PreparePattern(summary));
+  SetVariable(Options::kVariable, options.Text());
+}
+
+// In the process that becomes the program: whose standard error a summary may go to.
+void NameStandardError() {
   struct stat status = {};
   fstat(STDERR_FILENO, &status);  // one that is closed is no file's
   char expected[64];
@@ -116,47 +162,124 @@ void DirectOutput(const char* pattern) {
   SetVariable("HEAPSCOPE_STDERR", expected);
 }
 
-void DirectOwnFiles(const char* directory) {
-  unsetenv("HEAPSCOPE_DIRECTORY");
-  if (directory == nullptr) return;
-  if (mkdir(directory, 0777) != 0 && errno != EEXIST) FailWithError(directory);
-  char* const absolute = realpath(directory, nullptr);
-  if (absolute == nullptr || access(absolute, W_OK | X_OK) != 0) FailWithError(directory);
-  SetVariable("HEAPSCOPE_DIRECTORY", absolute);
-  std::free(absolute);
+// The library ends the process when an option has a value that it does not take, after it has said
+// which.
+void ShowHelpAndFail(int32_t) {
+  std::fputs(kUsage, stdout);
+  g_options.PrintHelp();
+  std::fflush(stdout);
+  _exit(kLauncherFailed);
+}
+
+[[noreturn]] void Become(char** program) {
+  NameStandardError();
+  execvp(program[0], program);
+  const int result = errno == ENOENT ? kProgramNotFound : kProgramNotExecutable;
+  std::fprintf(stderr, "heapscope: %s: %s\n", program[0], strerror(errno));
+  _exit(result);
+}
+
+// While the program runs, signals are its business: what the terminal sends goes to both, what is
+// sent to the launcher is passed on.
+constinit volatile pid_t g_program = 0;
+
+void PassOn(int signal, siginfo_t* info, void*) {
+  if (info->si_code <= 0 && g_program > 0) kill(g_program, signal);
+}
+
+constexpr int kPassedSignals[] = {SIGHUP,  SIGINT,  SIGQUIT,  SIGTERM, SIGUSR1,
+                                  SIGUSR2, SIGALRM, SIGWINCH, SIGCONT};
+
+// A result that was asked for and is not there wants an explanation.
+void ExplainMissingResult() {
+  if (g_options.OutDirectory() == nullptr) return;
+  const std::string result =
+      std::string(g_options.OutDirectory()) + "/heapscope." + std::to_string(g_program) + ".xml";
+  if (access(result.c_str(), F_OK) == 0) return;
+  std::fputs(
+      "heapscope: the program left no result: it was replaced by another one, which -children\n"
+      "follows, or the collector could not be loaded into it or not write\n",
+      stderr);
+}
+
+// Ends as the program did.
+[[noreturn]] void EndLike(int status) {
+  if (WIFEXITED(status)) {
+    ExplainMissingResult();
+    _exit(WEXITSTATUS(status));
+  }
+  const int signal = WTERMSIG(status);
+  const rlimit noCore = {0, 0};
+  setrlimit(RLIMIT_CORE, &noCore);
+  struct sigaction action = {};
+  action.sa_handler = SIG_DFL;
+  sigaction(signal, &action, nullptr);
+  sigset_t one;
+  sigemptyset(&one);
+  sigaddset(&one, signal);
+  sigprocmask(SIG_UNBLOCK, &one, nullptr);
+  kill(getpid(), signal);
+  _exit(128 + signal);
+}
+
+[[noreturn]] void RunProgram(char** program) {
+  sigset_t passed, maskBefore;
+  sigemptyset(&passed);
+  for (const int signal : kPassedSignals) sigaddset(&passed, signal);
+  sigprocmask(SIG_BLOCK, &passed, &maskBefore);
+  g_program = fork();
+  if (g_program < 0) FailWithError("cannot make a process");
+  if (g_program == 0) {
+    sigprocmask(SIG_SETMASK, &maskBefore, nullptr);
+    Become(program);
+  }
+  struct sigaction action = {};
+  action.sa_sigaction = PassOn;
+  action.sa_flags = SA_SIGINFO | SA_RESTART;
+  for (const int signal : kPassedSignals) sigaction(signal, &action, nullptr);
+  sigprocmask(SIG_SETMASK, &maskBefore, nullptr);
+
+  int status;
+  for (;;) {
+    if (waitpid(g_program, &status, WUNTRACED) < 0) {
+      if (errno == EINTR) continue;
+      FailWithError("cannot wait for the program");
+    }
+    if (!WIFSTOPPED(status)) EndLike(status);
+    // Stopped together, and continued together.
+    kill(getpid(), SIGSTOP);
+    kill(g_program, SIGCONT);
+  }
+}
+
+// Where the program stands: behind two dashes, or first when there are no options.
+int FindProgram(int argc, char** argv) {
+  if (argc < 2 || argv[1][0] != '-') return 1;
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--") == 0) return i + 1;
+  }
+  return argc;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const char* pattern = nullptr;
-  const char* directory = nullptr;
-  // The plus sign ends the options at the program's name.
-  for (int option; (option = getopt(argc, argv, "+d:o:h")) != -1;) {
-    switch (option) {
-      case 'd':
-        directory = optarg;
-        break;
-      case 'o':
-        pattern = optarg;
-        break;
-      case 'h':
-        std::fputs(kUsage, stdout);
-        return EXIT_SUCCESS;
-      default:
-        std::fputs(kUsage, stderr);
-        return kLauncherFailed;
-    }
+  const int first = FindProgram(argc, argv);
+  const bool hasDashes = first > 1 && std::strcmp(argv[first - 1], "--") == 0;
+  g_options.Register();
+  __ZelSetExitHandler(ShowHelpAndFail);
+  const bool isUnderstood = g_options.Parse(first - 1 - (hasDashes ? 1 : 0), argv + 1);
+  if (isUnderstood && g_options.WantsHelp()) {
+    std::fputs(kUsage, stdout);
+    g_options.PrintHelp();
+    return EXIT_SUCCESS;
   }
-  if (optind == argc) {
-    std::fputs(kUsage, stderr);
-    return kLauncherFailed;
-  }
+  if (!isUnderstood || first >= argc) ShowHelpAndFail(0);
   PreloadLibrary();
-  DirectOutput(pattern);
-  DirectOwnFiles(directory);
-  execvp(argv[optind], argv + optind);
-  const int result = errno == ENOENT ? kProgramNotFound : kProgramNotExecutable;
-  std::fprintf(stderr, "heapscope: %s: %s\n", argv[optind], strerror(errno));
-  return result;
+  TellCollector();
+  if (const std::string reason = heapscope::ReasonNotToBeWatched(argv[first]); !reason.empty()) {
+    std::fprintf(stderr, "heapscope: nothing will be recorded of %s: %s\n", argv[first],
+                 reason.c_str());
+  }
+  RunProgram(argv + first);
 }

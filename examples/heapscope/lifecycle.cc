@@ -5,16 +5,17 @@
 // so it runs after the destructors of all libraries. Nothing of the collector is torn down: threads
 // may go on allocating until the process is gone.
 
+#include <dlfcn.h>
 #include <pthread.h>
 #include <stdlib.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 #include "examples/heapscope/internal.h"
-#include "examples/heapscope/live_blocks.h"
 #include "host/host.h"
 #include "zelrt/runtime.h"
 
@@ -22,6 +23,7 @@ namespace heapscope {
 
 constinit std::atomic<State> g_state{State::kUntouched};
 constinit Process g_process = {};
+constinit Options g_options;
 
 namespace {
 
@@ -36,7 +38,7 @@ void AfterForkInChild() {
   g_process.forkedFrom = g_process.id;
   g_process.id = getpid();
   g_process.startedMs = NowMs();
-  g_hasReported.store(false);
+  g_hasReported.store(!g_options.KeepsChildren());
   KeepOutputInChild();
   StartChildLog();
   ReleaseRecords();
@@ -44,14 +46,38 @@ void AfterForkInChild() {
 
 State Start() {
   if (!FindRealFunctions()) return State::kUnable;
-  // First, so that in a child its thread ids are forgotten after the stripes have been released by
+  // First, so that in a child its thread ids are forgotten after the shards have been released by
   // whoever may allocate there before: handlers run in the order of registration.
   zelhost::Install();
   if (!SetUpOwnMemory()) return State::kUnable;
-  RegisterLiveBlockCategories();
+  RegisterOwnMemoryCategories();
+  g_options.Register();
+  g_options.ParseVariable();
   __ZelRtStartup();
+  SetUpSites();
+  SetUpCallPaths(g_options.Stack(), g_options.Depth());
   pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);
   return State::kCounting;
+}
+
+// Takes the collector out of what new programs inherit. The list is shortened where it stands: the
+// program may hold on to its address.
+void HideFromChildren() {
+  if (char* const list = std::getenv("LD_PRELOAD"); list != nullptr) {
+    Dl_info self;
+    static const char anchor = 0;
+    if (dladdr(&anchor, &self) == 0) return;
+    const size_t length = std::strlen(self.dli_fname);
+    char* const entry = std::strstr(list, self.dli_fname);
+    if (entry != nullptr) {
+      const bool hasMore = entry[length] == ':' || entry[length] == ' ';
+      const size_t removed = length + (hasMore ? 1 : 0);
+      std::memmove(entry, entry + removed, std::strlen(entry + removed) + 1);
+      if (list[0] == '\0') unsetenv("LD_PRELOAD");
+    }
+  }
+  unsetenv(Options::kVariable);
+  unsetenv("HEAPSCOPE_STDERR");
 }
 
 void AtExit(int, void*) { ReportOnce(); }
@@ -66,8 +92,8 @@ void AtQuickExit() { ReportOnce(); }
   if (EnsureStarted() == State::kCounting) {
     NoteEndOfEarlyAllocations();
     OpenOutput();
-    OpenOwnFiles();
     LogStart();
+    if (!g_options.KeepsChildren()) HideFromChildren();
     on_exit(AtExit, nullptr);
     at_quick_exit(AtQuickExit);
   }

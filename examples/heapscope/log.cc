@@ -4,9 +4,9 @@
 // something to say, which most children never have. A log whose descriptor the program has closed
 // is opened again, a few times at most: the library never closes a log.
 //
-// The functions that write hold a stripe's lock, and then the growth lock, so that a fork finds the
-// log's lock free. What is set up here changes under the growth lock; only the numbers of records
-// are looked at without.
+// The functions that write hold a shard's lock, and then the lock of the files, so that a fork
+// finds the log's lock free. What is set up here changes under the latter; only the numbers of
+// records are looked at without.
 
 #include <climits>
 
@@ -53,6 +53,7 @@ constexpr struct {
 };
 
 struct Log {
+  bool isWanted;
   OwnDescriptor descriptor;
   bool isOfThisProcess;
   bool hasEnded;
@@ -86,35 +87,38 @@ void WriteStart() {
   CleanForXml(g_process.name, program, sizeof program);
   Write(ZELLOG_SEVERITY_INFO, Message::kProcessStarted, g_process.id, g_process.forkedFrom,
         static_cast<const char*>(program));
+  g_options.LogValues();
 }
 
-bool Open(Writing& writing) {
+bool Open() {
   char path[PATH_MAX];
-  if (g_log.openings == kMaxOpenings || !OwnFilePath("log", path, sizeof path)) return false;
-  if (!writing.HasMemory()) return false;
+  if (g_log.openings == kMaxOpenings || !LogFilePath(path, sizeof path)) return false;
+  if (!HasMemoryForFiles()) return false;
   ++g_log.openings;
   const bool goesOn = g_log.isOfThisProcess;
   if (__ZelCreateLogger(kSource, path, goesOn ? 1 : 0) == 0) return false;
   g_log.descriptor = LatestOwnStream();
   g_log.isOfThisProcess = true;
+  if (const char* const channels = g_options.Dump(); channels != nullptr)
+    __ZelParseDbgDumpOption(channels);
   RegisterMessages();
   if (!goesOn) WriteStart();
   return true;
 }
 
 // Whether there is a log to write to. Opens it if need be.
-bool IsOpen(Writing& writing) {
+bool IsOpen() {
   if (g_log.hasEnded) return false;
-  return (g_log.isOfThisProcess && g_log.descriptor.IsIntact()) || Open(writing);
+  return (g_log.isOfThisProcess && g_log.descriptor.IsIntact()) || Open();
 }
 
 // One record for each problem, as long as there are not too many of a kind.
 template <typename... Values>
 void WriteProblem(Message message, const Values&... values) {
   std::atomic<uint32_t>& records = g_log.records[static_cast<size_t>(message)];
-  if (!HasOwnFiles() || records.load(std::memory_order_relaxed) > kMaxRecordsOfAKind) return;
-  Writing writing;
-  if (!IsOpen(writing)) return;
+  if (!g_log.isWanted || records.load(std::memory_order_relaxed) > kMaxRecordsOfAKind) return;
+  const Writing writing;
+  if (!IsOpen()) return;
   const uint32_t number = records.fetch_add(1, std::memory_order_relaxed);
   if (number < kMaxRecordsOfAKind) {
     Write(ZELLOG_SEVERITY_WARNING, message, values...);
@@ -137,19 +141,20 @@ void LogFailure(Function function, size_t size) {
 }
 
 void LogStart() {
-  if (!HasOwnFiles()) return;
+  g_log.isWanted = g_options.OutDirectory() != nullptr || g_options.LogPattern() != nullptr;
+  if (!g_log.isWanted) return;
   const NoForkMeanwhile noFork;
   if (!noFork.IsHeld()) return;
-  Writing writing;
-  IsOpen(writing);
+  const Writing writing;
+  IsOpen();
 }
 
 void LogEnd(const Figures& figures) {
-  if (!HasOwnFiles()) return;
+  if (!g_log.isWanted) return;
   const NoForkMeanwhile noFork;
   if (!noFork.IsHeld()) return;
-  Writing writing;
-  if (!IsOpen(writing)) return;
+  const Writing writing;
+  if (!IsOpen()) return;
   const ClassFigures& total = figures.total;
   const Amount live = total.Live();
   Write(ZELLOG_SEVERITY_INFO, Message::kValues, total.allocated.blocks, total.allocated.bytes,

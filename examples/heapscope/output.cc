@@ -1,7 +1,7 @@
 // Where the summary goes: a file, or the standard error that the program was started with.
 //
-// HEAPSCOPE_OUTPUT is a pattern for the file's name. A file named without a process id is shared by
-// all processes of a run, so it is appended to; the launcher empties it first.
+// The option -summary is a pattern for the file's name. A file named without a process id is shared
+// by all processes of a run, so it is appended to; the launcher empties it first.
 //
 // HEAPSCOPE_STDERR is "process:device:inode", the launcher's id, which becomes the program's, and
 // its standard error. Other processes keep silent, and so does the program when it was replaced by
@@ -82,8 +82,8 @@ bool CanGoOnAfterError(int descriptor) {
 }  // namespace
 
 void OpenOutput() {
-  const char* const pattern = std::getenv("HEAPSCOPE_OUTPUT");
-  if (pattern == nullptr || pattern[0] == '\0') return TakeStandardError();
+  const char* const pattern = g_options.SummaryPattern();
+  if (pattern == nullptr) return TakeStandardError();
   const size_t length = std::strlen(pattern);
   if (length >= sizeof g_output.pattern) return;
   std::memcpy(g_output.pattern, pattern, length + 1);

@@ -8,34 +8,44 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <climits>
-#include <cstdlib>
-#include <cstring>
+#include <cstdio>
 
+#include "examples/heapscope/file_pattern.h"
 #include "examples/heapscope/internal.h"
+#include "host/host.h"
+#include "zelrt/locks.h"
 
 namespace heapscope {
 namespace {
 
-constinit char g_directory[PATH_MAX] = "";  // empty: no files
+constinit ZelSpinLock g_lock = {};
+constexpr char kResult[] = "xml";
+constexpr char kLog[] = "log";
+
 constinit OwnDescriptor g_latestStream = {};
+
+// False when there is no directory.
+bool PathInDirectory(const char* kind, char* path, size_t size) {
+  const char* const directory = g_options.OutDirectory();
+  if (directory == nullptr) return false;
+  const int length = std::snprintf(path, size, "%s/heapscope.%d.%s", directory, g_process.id, kind);
+  return length > 0 && static_cast<size_t>(length) < size;
+}
 
 }  // namespace
 
-void OpenOwnFiles() {
-  const char* const directory = std::getenv("HEAPSCOPE_DIRECTORY");
-  if (directory == nullptr) return;
-  const size_t length = std::strlen(directory);
-  if (length < sizeof g_directory) std::memcpy(g_directory, directory, length + 1);
+void LockOwnFiles() {
+  __ZelAcquireSpinLockTid(&g_lock, static_cast<uint32_t>(zelhost::NativeThreadId()));
+}
+void UnlockOwnFiles() { __ZelReleaseSpinLock(&g_lock); }
+
+bool LogFilePath(char* path, size_t size) {
+  const char* const pattern = g_options.LogPattern();
+  if (pattern != nullptr) return ExpandFilePattern(pattern, g_process.id, path, size);
+  return PathInDirectory(kLog, path, size);
 }
 
-bool HasOwnFiles() { return g_directory[0] != '\0'; }
-
-bool OwnFilePath(const char* kind, char* path, size_t size) {
-  const int length =
-      std::snprintf(path, size, "%s/heapscope.%d.%s", g_directory, g_process.id, kind);
-  return HasOwnFiles() && length > 0 && static_cast<size_t>(length) < size;
-}
+bool ResultFilePath(char* path, size_t size) { return PathInDirectory(kResult, path, size); }
 
 FILE* OpenOwnStream(const char* path, const char* mode) {
   const int emptyOrEnd = mode[0] == 'w' ? O_TRUNC : O_APPEND;

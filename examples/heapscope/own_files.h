@@ -5,7 +5,7 @@
 
 namespace heapscope {
 
-// The one that was opened last, under the same hold of a stripe's lock.
+// The one that was opened last, under the same hold of a shard's lock.
 OwnDescriptor LatestOwnStream();
 
 }  // namespace heapscope

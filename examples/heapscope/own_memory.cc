@@ -1,48 +1,64 @@
-// The collector's own memory: a backing pair over mmap, and allocations that may fail.
+// The collector's own memory: the library's backing pair, over mmap.
 //
-// Pieces are cut off the front of a spare mapping. Before the library's allocator is called, the
-// spare is made large enough for whatever that call can ask for: the library would end the process
-// if it were refused, and the program has a right to carry on when memory is short.
+// Pieces are cut off the front of a spare mapping. The library ends the process when it is refused
+// memory, but the program has a right to carry on when memory is short. So there is a reserve,
+// mapped at the start and never touched before it is needed. From the moment on in which the system
+// refuses a mapping, memory is short: nothing is asked for any more but by calls that are under
+// way, and by what has to be written at the end, and for those the reserve is large enough.
 //
-// The growth lock is held around each call of the library that may allocate, and guards the spare.
+// The library's own statistics stay off: they would come with entries in a log that the program
+// knows nothing of. The pieces are counted here, by what they are for.
 //
-// A second mapping is kept for the day when there is no memory left: whoever looks for the reason
-// wants the result file above all.
+// The library calls the pair's allocate function one call at a time, and the variables change
+// there.
 
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include <cerrno>
 
 #include "examples/heapscope/internal.h"
-#include "host/host.h"
-#include "zelrt/locks.h"
 #include "zelrt/memory.h"
 #include "zelrt/platform.h"
 
 namespace heapscope {
+
+constinit thread_local OwnMemory MemoryPurpose::t_purpose = OwnMemory::kAllocator;
+
 namespace {
 
 // In front of each piece. Its size keeps blocks aligned to 16 bytes, and completes the library's
 // pages to powers of two.
 struct PieceHeader {
   size_t length;
-  size_t unused;
+  OwnMemory purpose;
 };
 static_assert(sizeof(PieceHeader) == 16);
 
 constexpr size_t kSpareSize = 1 << 20;
+constexpr size_t kFirstTableSize = 6 << 20;  // what the library takes at once, rounded up
+// One call takes up to five pages of 64 KiB, or twice what a shard's table of live blocks has: 40
+// bytes for each bucket.
+constexpr size_t kReserveSize = 16 << 20;
 constexpr size_t kMemoryForFiles = 512 * 1024;  // two blocks of 64 KiB, and a page for a name
-constexpr size_t kFirstTableSize = 6 << 20;     // what the library takes at once, rounded up
-constexpr size_t kSmallestPage = 65536;
-constexpr size_t kLargestSmallBlock = 32728;
-constexpr size_t kBlockHeader = 8;
 
-constinit ZelSpinLock g_growthLock = {};
-constinit char* g_spare = nullptr;
-constinit size_t g_spareLength = 0;
-constinit char* g_reserve = nullptr;  // of kMemoryForFiles bytes
+struct Mapping {
+  char* start;
+  size_t length;
+};
+constinit Mapping g_spare = {nullptr, 0};
+constinit Mapping g_reserve = {nullptr, 0};
+constinit std::atomic<size_t> g_reserveLeft{0};
+constinit std::atomic<bool> g_isShort{false};
 constinit std::atomic<uint64_t> g_mappedBytes{0};
+
+constexpr const char* kPurposeNames[kOwnMemoryPurposes] = {"allocator's tables", "files",
+                                                           "live blocks", "sites"};
+constinit uint32_t g_categories[kOwnMemoryPurposes] = {};  // 0, the library's own, but for two
+constinit std::atomic<uint64_t> g_bytesOf[kOwnMemoryPurposes] = {};
+
+std::atomic<uint64_t>& BytesOf(OwnMemory purpose) {
+  return g_bytesOf[static_cast<size_t>(purpose)];
+}
 
 size_t WholePages(size_t size) {
   const size_t page = __ZelGetNativePageSize();
@@ -55,90 +71,81 @@ void Unmap(void* start, size_t length) {
   g_mappedBytes.fetch_sub(length, std::memory_order_relaxed);
 }
 
-char* Map(size_t length) {
+bool Map(size_t length, Mapping* mapping) {
   void* const start =
       mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  if (start == MAP_FAILED) return nullptr;
+  if (start == MAP_FAILED) return false;
   g_mappedBytes.fetch_add(length, std::memory_order_relaxed);
-  return static_cast<char*>(start);
-}
-
-bool EnsureSpareLocked(size_t length) {
-  if (g_spareLength >= length) return true;
-  size_t freshLength = std::max(length, kSpareSize);
-  char* fresh = Map(freshLength);
-  if (fresh == nullptr && length < freshLength) {
-    freshLength = length;
-    fresh = Map(freshLength);
-  }
-  if (fresh == nullptr) return false;
-  Unmap(g_spare, g_spareLength);
-  g_spare = fresh;
-  g_spareLength = freshLength;
+  *mapping = {static_cast<char*>(start), length};
   return true;
 }
 
-// The pair. Both run inside calls of the library that are made under the growth lock.
+bool Refill(size_t length) {
+  const Mapping rest = g_spare;
+  if (!Map(std::max(length, kSpareSize), &g_spare) && !Map(length, &g_spare)) return false;
+  Unmap(rest.start, rest.length);
+  return true;
+}
+
+// Null when the mapping is too short.
+char* Cut(Mapping* mapping, size_t length) {
+  if (mapping->length < length) return nullptr;
+  char* const start = mapping->start;
+  mapping->start += length;
+  mapping->length -= length;
+  return start;
+}
+
 void* BackingAllocate(size_t size) {
+  const int keptErrno = errno;
   const size_t length = WholePages(size + sizeof(PieceHeader));
-  if (length < size || !EnsureSpareLocked(length)) return nullptr;
-  auto* const header = reinterpret_cast<PieceHeader*>(g_spare);
-  g_spare += length;
-  g_spareLength -= length;
-  header->length = length;
+  if (length < size) return nullptr;
+  char* start = Cut(&g_spare, length);
+  if (start == nullptr && Refill(length)) start = Cut(&g_spare, length);
+  if (start == nullptr) {
+    g_isShort.store(true, std::memory_order_relaxed);
+    start = Cut(&g_reserve, length);
+    g_reserveLeft.store(g_reserve.length, std::memory_order_relaxed);
+  }
+  errno = keptErrno;
+  if (start == nullptr) return nullptr;
+  auto* const header = reinterpret_cast<PieceHeader*>(start);
+  *header = {length, MemoryPurpose::OfThread()};
+  BytesOf(header->purpose).fetch_add(length, std::memory_order_relaxed);
   return header + 1;
 }
 
 void BackingFree(void* block) {
+  const int keptErrno = errno;
   PieceHeader* const header = static_cast<PieceHeader*>(block) - 1;
+  BytesOf(header->purpose).fetch_sub(header->length, std::memory_order_relaxed);
   Unmap(header, header->length);
-}
-
-// The most that one allocation takes from the pair, in whole OS pages.
-size_t BackingLength(size_t size, uint32_t sizeShift) {
-  if (size <= kLargestSmallBlock) return kSmallestPage << sizeShift;
-  return WholePages(size + kBlockHeader + sizeof(PieceHeader));
+  errno = keptErrno;
 }
 
 }  // namespace
 
-LibraryHold::LibraryHold() {
-  __ZelAcquireSpinLockTid(&g_growthLock, static_cast<uint32_t>(zelhost::NativeThreadId()));
-}
-LibraryHold::~LibraryHold() {
-  __ZelReleaseSpinLock(&g_growthLock);
-  errno = keptErrno_;
-}
-bool LibraryHold::HasMemoryForFiles() {
-  if (EnsureSpareLocked(kMemoryForFiles)) return true;
-  if (g_reserve == nullptr) return false;
-  Unmap(g_spare, g_spareLength);
-  g_spare = g_reserve;
-  g_spareLength = kMemoryForFiles;
-  g_reserve = nullptr;
-  return true;
-}
-
 bool SetUpOwnMemory() {
-  const LibraryHold hold;
-  if (!EnsureSpareLocked(kFirstTableSize)) return false;
+  if (!Map(kReserveSize, &g_reserve) || !Map(kFirstTableSize, &g_spare)) return false;
+  g_reserveLeft.store(kReserveSize, std::memory_order_relaxed);
   __ZelInitializeSubAllocator(BackingAllocate, BackingFree);
-  __ZelEnableMemoryStatisticsCollection();
-  g_reserve = Map(kMemoryForFiles);
   return true;
 }
 
-void* AllocateOwn(uint32_t category, size_t size, uint32_t sizeShift) {
-  const LibraryHold hold;
-  if (!EnsureSpareLocked(BackingLength(size, sizeShift))) return nullptr;
-  return __ZelMalloc(category, size, sizeShift);
+bool IsMemoryShort() { return g_isShort.load(std::memory_order_relaxed); }
+
+bool HasMemoryForFiles() {
+  return g_reserveLeft.load(std::memory_order_relaxed) >= kMemoryForFiles;
 }
 
-void FreeOwn(void* block) {
-  const LibraryHold hold;
-  __ZelFree(block);
+void RegisterOwnMemoryCategories() {
+  for (const OwnMemory purpose : {OwnMemory::kLiveBlocks, OwnMemory::kSites})
+    g_categories[static_cast<size_t>(purpose)] = __ZelRegisterMemoryCategory(NameOf(purpose));
 }
+uint32_t CategoryOf(OwnMemory purpose) { return g_categories[static_cast<size_t>(purpose)]; }
 
+const char* NameOf(OwnMemory purpose) { return kPurposeNames[static_cast<size_t>(purpose)]; }
+uint64_t OwnBytes(OwnMemory purpose) { return BytesOf(purpose).load(std::memory_order_relaxed); }
 uint64_t OwnMappedBytes() { return g_mappedBytes.load(std::memory_order_relaxed); }
 
 }  // namespace heapscope

@@ -1,12 +1,13 @@
-// What is counted: the live blocks and, by function and size class, what was allocated and freed.
+// What is counted: the live blocks and, by function, size class, thread and site, what was
+// allocated and freed.
 //
-// Both are divided into stripes by the hash of the block's address. A stripe's counters are written
-// under its lock alone, and read without. Only the levels, whose peaks have to be exact, are shared
-// by all threads.
+// Blocks, functions and size classes are divided into shards by address: neighbours, which mostly
+// come from one thread, share one. A shard's counters are written under its lock alone, and read
+// without. The levels, whose peaks have to be exact, and the sites are shared by all threads.
 //
-// Calls that have no block (failures, and null given to free) count in the stripe of address 0.
+// Calls that have no block (failures, and null given to free) count in the shard of address 0.
 //
-// While a process forks, the stripes are locked from before the fork to after it. The C library
+// While a process forks, the shards are locked from before the fork to after it. The C library
 // takes locks of its own meanwhile, and may have to wait for a thread that has one of those and
 // waits here: an allocation of a lookup in the name service, say. So waiting threads lose patience,
 // and their calls go unrecorded.
@@ -14,7 +15,9 @@
 #include <ctime>
 
 #include "examples/heapscope/internal.h"
+#include "examples/heapscope/level.h"
 #include "examples/heapscope/live_blocks.h"
+#include "examples/heapscope/sites.h"
 #include "examples/heapscope/threads.h"
 #include "host/host.h"
 #include "zelrt/locks.h"
@@ -28,8 +31,9 @@ const char* const kFunctionNames[kFunctions] = {
 
 namespace {
 
-constexpr uint32_t kStripeBits = LiveBlocks::kCallersHashBits;
-constexpr uint32_t kStripes = 1u << kStripeBits;
+constexpr uint32_t kShardBits = 6;
+constexpr uint32_t kShards = 1u << kShardBits;
+constexpr uint32_t kNeighbourhoodBits = 16;
 constexpr uint32_t kTriesUntilYield = 100;
 constexpr int64_t kForkPatienceNs = 2'000'000'000;
 
@@ -60,37 +64,21 @@ struct Counters {
   ClassCounters classes[kSizeClasses];
 };
 
-struct alignas(64) Stripe {
+struct alignas(64) Shard {
   ZelSpinLock lock;
   LiveBlocks blocks;
   Counters counters;
 };
 
-// Live bytes, and the most there have been.
-class alignas(64) Level {
- public:
-  void Raise(size_t bytes) {
-    const uint64_t now = bytes_.fetch_add(bytes, std::memory_order_relaxed) + bytes;
-    uint64_t peak = Peak();
-    while (now > peak && !peak_.compare_exchange_weak(peak, now, std::memory_order_relaxed)) {
-    }
-  }
-  void Lower(size_t bytes) { bytes_.fetch_sub(bytes, std::memory_order_relaxed); }
-  void ForgetPeak() { peak_.store(bytes_.load(std::memory_order_relaxed)); }
-  uint64_t Peak() const { return peak_.load(std::memory_order_relaxed); }
+struct alignas(64) LoneLevel : Level {};
 
- private:
-  std::atomic<uint64_t> bytes_{0};
-  std::atomic<uint64_t> peak_{0};
-};
-
-constinit Stripe g_stripes[kStripes] = {};
-constinit Level g_classLevels[kSizeClasses] = {};
-constinit Level g_totalLevel = {};
+constinit Shard g_shards[kShards] = {};
+constinit LoneLevel g_classLevels[kSizeClasses] = {};
+constinit LoneLevel g_totalLevel = {};
 constinit Amount g_inherited[kSizeClasses] = {};  // changes only where there is one thread
 constinit Amount g_early = {};
 constinit std::atomic<uint64_t> g_unrecorded{0};
-constinit std::atomic<int64_t> g_stripesHeldSince{0};  // 0: not held for a fork
+constinit std::atomic<int64_t> g_shardsHeldSince{0};  // 0: not held for a fork
 
 uint32_t Self() { return static_cast<uint32_t>(zelhost::NativeThreadId()); }
 
@@ -101,52 +89,50 @@ int64_t NowNs() {
 }
 
 bool ForkTakesTooLong() {
-  const int64_t since = g_stripesHeldSince.load(std::memory_order_relaxed);
+  const int64_t since = g_shardsHeldSince.load(std::memory_order_relaxed);
   return since != 0 && NowNs() - since > kForkPatienceNs;
 }
 
-Stripe& StripeOf(uint64_t hash) { return g_stripes[hash >> (64 - kStripeBits)]; }
+Shard& ShardOf(uintptr_t address) {
+  constexpr uint64_t kOddConstant = 0x9E3779B97F4A7C15;
+  return g_shards[(address >> kNeighbourhoodBits) * kOddConstant >> (64 - kShardBits)];
+}
 
 // False when a fork keeps it for too long.
-bool AcquireStripe(Stripe& stripe) {
+bool AcquireShard(Shard& shard) {
   const uint32_t self = Self();
-  while (__ZelTryToAcquireSpinLockTid(&stripe.lock, kTriesUntilYield, self) == 0) {
+  while (__ZelTryToAcquireSpinLockTid(&shard.lock, kTriesUntilYield, self) == 0) {
     if (ForkTakesTooLong()) return false;
     __ZelYield();
   }
   return true;
 }
 
-// Holds the stripe of one address, unless a fork keeps it for too long.
-class StripeHold {
+// Holds the shard of one address, unless a fork keeps it for too long.
+class ShardHold {
  public:
-  explicit StripeHold(const void* block)
+  explicit ShardHold(const void* block)
       : address_(reinterpret_cast<uintptr_t>(block)),
-        hash_(HashAddress(address_)),
-        stripe_(StripeOf(hash_)),
-        isHeld_(AcquireStripe(stripe_)) {
+        shard_(ShardOf(address_)),
+        isHeld_(AcquireShard(shard_)) {
     if (!isHeld_) [[unlikely]]
       g_unrecorded.fetch_add(1, std::memory_order_relaxed);
   }
-  ~StripeHold() {
-    if (isHeld_) __ZelReleaseSpinLock(&stripe_.lock);
+  ~ShardHold() {
+    if (isHeld_) __ZelReleaseSpinLock(&shard_.lock);
   }
-  StripeHold(const StripeHold&) = delete;
-  StripeHold& operator=(const StripeHold&) = delete;
+  ShardHold(const ShardHold&) = delete;
+  ShardHold& operator=(const ShardHold&) = delete;
 
   bool IsHeld() const { return isHeld_; }
   uintptr_t Address() const { return address_; }
-  Counters& Counts() const { return stripe_.counters; }
+  Counters& Counts() const { return shard_.counters; }
 
-  LiveBlocks::Insertion Insert(size_t size, size_t* replacedSize) const {
-    return stripe_.blocks.Insert(hash_, {address_, size}, replacedSize);
-  }
-  bool Remove(size_t* size) const { return stripe_.blocks.Remove(hash_, address_, size); }
+  LiveBlocks& Blocks() const { return shard_.blocks; }
 
  private:
   const uintptr_t address_;
-  const uint64_t hash_;
-  Stripe& stripe_;
+  Shard& shard_;
   const bool isHeld_;
 };
 
@@ -154,41 +140,40 @@ void CountCall(Counters& counters, Function function) {
   counters.calls[static_cast<size_t>(function)].Add(1);
 }
 
-void CountFreed(Counters& counters, size_t size) {
-  CallingThread().CountFreed(size);
-  const uint32_t sizeClass = SizeClassOf(size);
+void CountFreed(Counters& counters, LiveBlock block) {
+  CallingThread().CountFreed(block.size);
+  SiteAt(block.site).CountFreed(block.size);
+  const uint32_t sizeClass = SizeClassOf(block.size);
   counters.classes[sizeClass].frees.Add(1);
-  counters.classes[sizeClass].freedBytes.Add(size);
-  g_classLevels[sizeClass].Lower(size);
-  g_totalLevel.Lower(size);
+  counters.classes[sizeClass].freedBytes.Add(block.size);
+  g_classLevels[sizeClass].Lower(block.size);
+  g_totalLevel.Lower(block.size);
 }
 
-void CountAllocated(Counters& counters, size_t size) {
-  CallingThread().CountAllocated(size);
-  const uint32_t sizeClass = SizeClassOf(size);
+void CountAllocated(Counters& counters, LiveBlock block) {
+  CallingThread().CountAllocated(block.size);
+  SiteAt(block.site).CountAllocated(block.size);
+  const uint32_t sizeClass = SizeClassOf(block.size);
   counters.classes[sizeClass].allocations.Add(1);
-  counters.classes[sizeClass].allocatedBytes.Add(size);
-  g_classLevels[sizeClass].Raise(size);
-  g_totalLevel.Raise(size);
+  counters.classes[sizeClass].allocatedBytes.Add(block.size);
+  g_classLevels[sizeClass].Raise(block.size);
+  g_totalLevel.Raise(block.size);
 }
 
-void Track(const StripeHold& hold, size_t size) {
-  size_t replacedSize;
-  switch (hold.Insert(size, &replacedSize)) {
-    case LiveBlocks::Insertion::kReplaced:
-      // Whatever freed the old block, it did not come by here.
-      hold.Counts().unseenFrees.Add(1);
-      LogProblem(Problem::kUnseenFree, hold.Address(), replacedSize);
-      CountFreed(hold.Counts(), replacedSize);
-      break;
-    case LiveBlocks::Insertion::kNoMemory:
-      hold.Counts().untracked.Add(1);
-      LogProblem(Problem::kUntracked, hold.Address(), size);
-      return;
-    case LiveBlocks::Insertion::kAdded:
-      break;
+void Track(const ShardHold& hold, const CallPath& path, size_t size) {
+  if (LiveBlock old; hold.Blocks().Remove(hold.Address(), &old)) [[unlikely]] {
+    // Whatever freed the old block, it did not come by here.
+    hold.Counts().unseenFrees.Add(1);
+    CountFreed(hold.Counts(), old);
+    LogProblem(Problem::kUnseenFree, hold.Address(), old.size);
   }
-  CountAllocated(hold.Counts(), size);
+  const LiveBlock block = {FindSite(path), size};
+  if (!hold.Blocks().Insert(hold.Address(), block)) [[unlikely]] {
+    hold.Counts().untracked.Add(1);
+    LogProblem(Problem::kUntracked, hold.Address(), size);
+    return;
+  }
+  CountAllocated(hold.Counts(), block);
 }
 
 void Add(Amount& sum, Amount amount) {
@@ -198,15 +183,17 @@ void Add(Amount& sum, Amount amount) {
 
 }  // namespace
 
-void RecordAllocation(Function function, const void* block, size_t size) {
-  const StripeHold hold(block);
+void RecordAllocation(Function function, const Caller& caller, const void* block, size_t size) {
+  CallPath path;
+  CaptureCallPath(caller, &path);
+  const ShardHold hold(block);
   if (!hold.IsHeld()) return;
   CountCall(hold.Counts(), function);
-  Track(hold, size);
+  Track(hold, path, size);
 }
 
 void RecordFailure(Function function, size_t size) {
-  const StripeHold hold(nullptr);
+  const ShardHold hold(nullptr);
   if (!hold.IsHeld()) return;
   CountCall(hold.Counts(), function);
   hold.Counts().failures.Add(1);
@@ -214,13 +201,12 @@ void RecordFailure(Function function, size_t size) {
 }
 
 void RecordFree(const void* block) {
-  const StripeHold hold(block);
+  const ShardHold hold(block);
   if (!hold.IsHeld()) return;
   CountCall(hold.Counts(), Function::kFree);
   if (block == nullptr) return;
-  size_t size;
-  if (hold.Remove(&size)) {
-    CountFreed(hold.Counts(), size);
+  if (LiveBlock freed; hold.Blocks().Remove(hold.Address(), &freed)) [[likely]] {
+    CountFreed(hold.Counts(), freed);
   } else {
     hold.Counts().unknownFrees.Add(1);
     LogProblem(Problem::kUnknownFree, hold.Address(), 0);
@@ -228,55 +214,57 @@ void RecordFree(const void* block) {
 }
 
 TakenBlock TakeBlock(const void* block) {
-  const StripeHold hold(block);
-  TakenBlock taken = {false, 0};
-  if (hold.IsHeld()) taken.isKnown = hold.Remove(&taken.size);
-  return taken;
+  const ShardHold hold(block);
+  LiveBlock taken;
+  if (!hold.IsHeld() || !hold.Blocks().Remove(hold.Address(), &taken)) return {};
+  return {true, taken.site, taken.size};
 }
 
 void PutBackBlock(Function function, const void* block, TakenBlock taken, size_t refusedSize) {
-  const StripeHold hold(block);
+  const ShardHold hold(block);
   if (!hold.IsHeld()) return;
   CountCall(hold.Counts(), function);
   hold.Counts().failures.Add(1);
   LogFailure(function, refusedSize);
-  size_t replacedSize;
-  if (taken.isKnown && hold.Insert(taken.size, &replacedSize) == LiveBlocks::Insertion::kNoMemory) {
-    // Its leaf was filled meanwhile and cannot be split.
+  if (!taken.isKnown) return;
+  const LiveBlock old = {taken.site, taken.size};
+  if (!hold.Blocks().Insert(hold.Address(), old)) {
     hold.Counts().untracked.Add(1);
     LogProblem(Problem::kUntracked, hold.Address(), taken.size);
-    CountFreed(hold.Counts(), taken.size);
+    CountFreed(hold.Counts(), old);
   }
 }
 
-void RecordReallocation(Function function, const void* old, TakenBlock taken, const void* block,
-                        size_t size) {
-  const StripeHold hold(block);
+void RecordReallocation(Function function, const Caller& caller, const void* old, TakenBlock taken,
+                        const void* block, size_t size) {
+  CallPath path;
+  CaptureCallPath(caller, &path);
+  const ShardHold hold(block);
   if (!hold.IsHeld()) return;
   CountCall(hold.Counts(), function);
   if (taken.isKnown) {
-    CountFreed(hold.Counts(), taken.size);
+    CountFreed(hold.Counts(), {taken.site, taken.size});
   } else {
     hold.Counts().unknownFrees.Add(1);
     LogProblem(Problem::kUnknownFree, reinterpret_cast<uintptr_t>(old), 0);
   }
-  if (block != nullptr) Track(hold, size);
+  if (block != nullptr) Track(hold, path, size);
 }
 
-NoForkMeanwhile::NoForkMeanwhile() : isHeld_(AcquireStripe(StripeOf(HashAddress(0)))) {}
+NoForkMeanwhile::NoForkMeanwhile() : isHeld_(AcquireShard(ShardOf(0))) {}
 NoForkMeanwhile::~NoForkMeanwhile() {
-  if (isHeld_) __ZelReleaseSpinLock(&StripeOf(HashAddress(0)).lock);
+  if (isHeld_) __ZelReleaseSpinLock(&ShardOf(0).lock);
 }
 
 void HoldRecords() {
   const uint32_t self = Self();
-  for (Stripe& stripe : g_stripes) __ZelAcquireSpinLockTid(&stripe.lock, self);
-  g_stripesHeldSince.store(NowNs(), std::memory_order_relaxed);
+  for (Shard& shard : g_shards) __ZelAcquireSpinLockTid(&shard.lock, self);
+  g_shardsHeldSince.store(NowNs(), std::memory_order_relaxed);
 }
 
 void ReleaseRecords() {
-  g_stripesHeldSince.store(0, std::memory_order_relaxed);
-  for (Stripe& stripe : g_stripes) __ZelReleaseSpinLock(&stripe.lock);
+  g_shardsHeldSince.store(0, std::memory_order_relaxed);
+  for (Shard& shard : g_shards) __ZelReleaseSpinLock(&shard.lock);
 }
 
 void StartChildRecords() {
@@ -289,8 +277,9 @@ void StartChildRecords() {
   g_totalLevel.ForgetPeak();
   g_unrecorded.store(0);
   StartChildThreads();
-  for (Stripe& stripe : g_stripes) {
-    Counters& counters = stripe.counters;
+  StartChildSites();
+  for (Shard& shard : g_shards) {
+    Counters& counters = shard.counters;
     for (Counter& calls : counters.calls) calls.Reset();
     counters.failures.Reset();
     counters.unknownFrees.Reset();
@@ -308,8 +297,8 @@ void StartChildRecords() {
 void ReadFigures(Figures* figures) {
   *figures = {};
   figures->unrecorded = g_unrecorded.load(std::memory_order_relaxed);
-  for (const Stripe& stripe : g_stripes) {
-    const Counters& counters = stripe.counters;
+  for (const Shard& shard : g_shards) {
+    const Counters& counters = shard.counters;
     for (size_t i = 0; i < kFunctions; ++i) figures->calls[i] += counters.calls[i].Get();
     figures->failures += counters.failures.Get();
     figures->unknownFrees += counters.unknownFrees.Get();
@@ -317,15 +306,15 @@ void ReadFigures(Figures* figures) {
     figures->untracked += counters.untracked.Get();
   }
   // Frees first: each one's allocation was counted before it.
-  for (const Stripe& stripe : g_stripes) {
+  for (const Shard& shard : g_shards) {
     for (uint32_t i = 0; i < kSizeClasses; ++i) {
-      const ClassCounters& from = stripe.counters.classes[i];
+      const ClassCounters& from = shard.counters.classes[i];
       Add(figures->classes[i].freed, {from.frees.Get(), from.freedBytes.Get()});
     }
   }
-  for (const Stripe& stripe : g_stripes) {
+  for (const Shard& shard : g_shards) {
     for (uint32_t i = 0; i < kSizeClasses; ++i) {
-      const ClassCounters& from = stripe.counters.classes[i];
+      const ClassCounters& from = shard.counters.classes[i];
       Add(figures->classes[i].allocated, {from.allocations.Get(), from.allocatedBytes.Get()});
     }
   }

@@ -7,21 +7,22 @@
 // memory: the result file then breaks off.
 
 #include <fcntl.h>
+#include <link.h>
 #include <unistd.h>
 
 #include <climits>
 #include <cstring>
 
+#include "examples/heapscope/annotations.h"
 #include "examples/heapscope/internal.h"
 #include "examples/heapscope/writing.h"
 #include "examples/heapscope/xml_text.h"
-#include "zelrt/memory.h"
 #include "zelrt/xml_writer.hpp"
 
 namespace heapscope {
 namespace {
 
-constexpr int kFormat = 1;
+constexpr int kFormat = 2;
 constexpr size_t kMaxText = 4096;
 constexpr size_t kMaxCommandLine = 16 * 1024;  // longer ones are cut off
 
@@ -38,6 +39,20 @@ void WriteAmount(ZelXmlWriter& result, const char* name, const Amount& amount) {
       .endElement();
 }
 
+void WriteFlow(ZelXmlWriter& result, const Amount& allocated, const Amount& freed,
+               const Amount& live, uint64_t peakBytes) {
+  WriteAmount(result, "allocated", allocated);
+  WriteAmount(result, "freed", freed);
+  WriteAmount(result, "live", live);
+  result.startElement("peak", false).writeAttribute("bytes", 0ULL + peakBytes).endElement();
+}
+
+const char* ReadExecutable(char* path, size_t size) {
+  const ssize_t length = readlink("/proc/self/exe", path, size - 1);
+  path[std::max<ssize_t>(length, 0)] = '\0';
+  return path;
+}
+
 void WriteCommandLine(ZelXmlWriter& result) {
   const int file = open("/proc/self/cmdline", O_RDONLY | O_CLOEXEC);
   if (file < 0) return;
@@ -50,15 +65,14 @@ void WriteCommandLine(ZelXmlWriter& result) {
 }
 
 void WriteProcess(ZelXmlWriter& result) {
-  char executable[PATH_MAX] = "";
-  static_cast<void>(!readlink("/proc/self/exe", executable, sizeof executable - 1));
+  char executable[PATH_MAX];
   result.startElement("process", true).writeElement("id", static_cast<uint32_t>(g_process.id));
   if (g_process.forkedFrom != 0)
     result.writeElement("forked_from", static_cast<uint32_t>(g_process.forkedFrom));
   result.writeElement("started_ms", static_cast<uint64_t>(g_process.startedMs))
       .writeElement("ended_ms", static_cast<uint64_t>(NowMs()));
   WriteText(result, "name", g_process.name);
-  WriteText(result, "executable", executable);
+  WriteText(result, "executable", ReadExecutable(executable, sizeof executable));
   WriteCommandLine(result);
   result.endElement();
 }
@@ -70,10 +84,7 @@ void WriteTotals(ZelXmlWriter& result, const ClassFigures& total) {
   } else {
     WriteAmount(result, "allocated_at_load", EarlyAllocations());
   }
-  WriteAmount(result, "allocated", total.allocated);
-  WriteAmount(result, "freed", total.freed);
-  WriteAmount(result, "live", total.Live());
-  result.startElement("peak", false).writeAttribute("bytes", 0ULL + total.peakBytes).endElement();
+  WriteFlow(result, total.allocated, total.freed, total.Live(), total.peakBytes);
   result.endElement();
 }
 
@@ -107,11 +118,8 @@ void WriteClasses(ZelXmlWriter& result, const ClassFigures* classes) {
     result.startElement("size_class", false);
     if (i != kSizeClasses - 1) result.writeAttribute("up_to", 0ULL + LargestInClass(i));
     if (g_process.forkedFrom != 0) WriteAmount(result, "inherited", figures.inherited);
-    WriteAmount(result, "allocated", figures.allocated);
-    WriteAmount(result, "freed", figures.freed);
-    WriteAmount(result, "live", figures.Live());
-    result.startElement("peak", false).writeAttribute("bytes", 0ULL + figures.peakBytes);
-    result.endElement().endElement();
+    WriteFlow(result, figures.allocated, figures.freed, figures.Live(), figures.peakBytes);
+    result.endElement();
   }
   result.endElement();
 }
@@ -130,20 +138,115 @@ void WriteThreads(ZelXmlWriter& result) {
   result.endElement();
 }
 
-void WriteOwnMemory(ZelXmlWriter& result) {
-  result.startElement("own_memory", false).writeAttribute("mapped_bytes", 0ULL + OwnMappedBytes());
-  for (uint32_t id = 0; id < __ZelGetNumMemoryCategories(); ++id) {
-    ZelMemoryCategoryInfo info;
-    if (__ZelGetMemoryInfoByCategory(id, &info) == 0 || info.allocated == 0) continue;
-    result.startElement("category", false)
-        .writeAttribute("bytes", static_cast<unsigned long long>(info.allocated))
-        .writeStrElement("name", info.name)
+// As readers of ELF files write it.
+std::string BuildIdOf(const Module& module) {
+  constexpr char kDigits[] = "0123456789abcdef";
+  std::string text;
+  for (uint32_t i = 0; i < module.buildIdSize; ++i) {
+    text += kDigits[module.buildId[i] >> 4];
+    text += kDigits[module.buildId[i] & 15];
+  }
+  return text;
+}
+
+void WriteModules(ZelXmlWriter& result) {
+  result.startElement("modules", true);
+  for (uint32_t number = 1; number <= NumberOfModules(); ++number) {
+    const Module& module = GetModule(number);
+    result.startElement("module", false).writeAttribute("id", 0ULL + number);
+    if (module.buildIdSize != 0) result.writeStrAttribute("build_id", BuildIdOf(module));
+    // The loader has no name for the program.
+    char executable[PATH_MAX];
+    WriteText(result, "path",
+              module.path[0] == '\0' ? ReadExecutable(executable, sizeof executable) : module.path);
+    result.endElement();
+  }
+  result.endElement();
+}
+
+void WriteSite(ZelXmlWriter& result, const SiteFigures& site) {
+  result.startElement("site", true);
+  if (g_process.forkedFrom != 0) WriteAmount(result, "inherited", site.inherited);
+  WriteFlow(result, site.allocated, site.freed, site.Live(), site.peakBytes);
+  for (uint64_t i = 0; site.path != nullptr && i < site.path->count; ++i) {
+    const Place place = site.path->Places()[i];
+    result.startElement("frame", false);
+    if (place.Module() != 0) result.writeAttribute("module", 0ULL + place.Module());
+    result.writeAttribute("offset", reinterpret_cast<const void*>(uintptr_t{place.Offset()}))
         .endElement();
   }
   result.endElement();
 }
 
-void WriteDocument(const char* path, const Figures& figures) {
+void WriteSites(ZelXmlWriter& result) {
+  result.startElement("sites", true);
+  const uint32_t sites = NumberOfSites();
+  for (uint32_t number = 0; number < sites; ++number) {
+    const SiteFigures figures = ReadSite(number);
+    if (figures.allocated.blocks != 0 || figures.inherited.blocks != 0) WriteSite(result, figures);
+  }
+  result.endElement();
+}
+
+// Paths of what is loaded, each ended by a NUL. What does not fit is left out: the loader's lock is
+// held, and nothing may be allocated.
+std::string PathsOfLoadedFiles() {
+  std::string paths;
+  paths.reserve(64 * 1024);
+  dl_iterate_phdr(
+      [](dl_phdr_info* info, size_t, void* result) {
+        auto& list = *static_cast<std::string*>(result);
+        const size_t size = std::strlen(info->dlpi_name) + 1;
+        if (size <= list.capacity() - list.size()) list.append(info->dlpi_name, size);
+        return 0;
+      },
+      &paths);
+  return paths;
+}
+
+void WriteAnnotation(const ZelZCARecord& record, void* context) {
+  ZelXmlWriter& result = *static_cast<ZelXmlWriter*>(context);
+  result.startElement("annotation", false)
+      .writeAttribute("offset", reinterpret_cast<const void*>(record.address))
+      .writeAttribute("probe", 0ULL + record.probe);
+  WriteText(result, "name", record.name);
+  for (uint32_t i = 0; i < record.argumentCount; ++i) {
+    const ZelZCAArgument& argument = record.arguments[i];
+    result.startElement(argument.isRegister != 0 ? "register" : "constant", false)
+        .writeAttribute("value", 0ULL + argument.value);
+    if (argument.isRegister != 0) result.writeAttribute("plus", argument.offset);
+    result.endElement();
+  }
+  result.endElement();
+}
+
+void WriteAnnotations(ZelXmlWriter& result, const std::string& paths) {
+  result.startElement("annotations", true);
+  for (size_t at = 0; at < paths.size(); at += std::strlen(paths.c_str() + at) + 1) {
+    char executable[PATH_MAX];
+    const char* const path =
+        at == 0 ? ReadExecutable(executable, sizeof executable) : paths.c_str() + at;
+    result.startElement("file", true);
+    WriteText(result, "path", path);
+    ReadAnnotations(path, WriteAnnotation, &result);
+    result.endElement();
+  }
+  result.endElement();
+}
+
+void WriteOwnMemory(ZelXmlWriter& result) {
+  result.startElement("own_memory", false).writeAttribute("mapped_bytes", 0ULL + OwnMappedBytes());
+  for (size_t i = 0; i < kOwnMemoryPurposes; ++i) {
+    const auto purpose = static_cast<OwnMemory>(i);
+    result.startElement("category", false)
+        .writeAttribute("bytes", 0ULL + OwnBytes(purpose))
+        .writeStrElement("name", NameOf(purpose))
+        .endElement();
+  }
+  result.endElement();
+}
+
+void WriteDocument(const char* path, const Figures& figures, const std::string& loaded) {
   ZelXmlWriter result;
   if (!result.create(path, false)) return;
   result.startElement("heapscope_result", false).writeAttribute("format", kFormat);
@@ -153,6 +256,9 @@ void WriteDocument(const char* path, const Figures& figures) {
   WriteProblems(result, figures);
   WriteClasses(result, figures.classes);
   WriteThreads(result);
+  WriteModules(result);
+  WriteSites(result);
+  WriteAnnotations(result, loaded);
   WriteOwnMemory(result);
   result.close();
 }
@@ -161,13 +267,15 @@ void WriteDocument(const char* path, const Figures& figures) {
 
 void WriteResult(const Figures& figures) {
   char path[PATH_MAX];
-  if (!OwnFilePath("xml", path, sizeof path)) return;
-  const NoForkMeanwhile noFork;
-  if (!noFork.IsHeld()) return;
-  Writing writing;
-  if (!writing.HasMemory()) return;
+  if (!ResultFilePath(path, sizeof path)) return;
   try {
-    WriteDocument(path, figures);
+    const ArenaUse arena;
+    // Before any lock: a thread that unloads a library frees memory under the loader's.
+    const std::string loaded = PathsOfLoadedFiles();
+    const NoForkMeanwhile noFork;
+    if (!noFork.IsHeld()) return;
+    const Writing writing;
+    if (HasMemoryForFiles()) WriteDocument(path, figures, loaded);
   } catch (...) {
   }
 }

@@ -5,7 +5,6 @@
 #include <cstring>
 
 #include "examples/heapscope/internal.h"
-#include "zelrt/memory.h"
 
 namespace heapscope {
 namespace {
@@ -131,15 +130,13 @@ void AddOwnMemoryLine(const char* name, uint64_t bytes) {
 
 void AddOwnMemory() {
   g_text.Add("\n  %-25s %16s\n", "heapscope's own memory", "bytes");
-  uint64_t inCategories = 0;
-  for (uint32_t id = 0; id < __ZelGetNumMemoryCategories(); ++id) {
-    ZelMemoryCategoryInfo info;
-    if (__ZelGetMemoryInfoByCategory(id, &info) == 0 || info.allocated == 0) continue;
-    const auto bytes = static_cast<uint64_t>(info.allocated);
-    inCategories += bytes;
-    AddOwnMemoryLine(info.name, bytes);
+  uint64_t used = 0;
+  for (size_t i = 0; i < kOwnMemoryPurposes; ++i) {
+    const auto purpose = static_cast<OwnMemory>(i);
+    if (OwnBytes(purpose) != 0) AddOwnMemoryLine(NameOf(purpose), OwnBytes(purpose));
+    used += OwnBytes(purpose);
   }
-  AddOwnMemoryLine("allocator, unused", OwnMappedBytes() - inCategories);
+  AddOwnMemoryLine("kept back", OwnMappedBytes() - used);
 }
 
 }  // namespace

@@ -39,22 +39,35 @@ class WriteSignalsBlocked {
   sigset_t maskBefore_;
 };
 
-// Around the library's file functions, for a thread that holds a stripe's lock. What they and the
-// C library allocate comes from the arena, what the library's allocator is asked for from the
-// collector's memory.
+// Has what the thread allocates come from the arena.
+class ArenaUse {
+ public:
+  ArenaUse() : outer_(t_isWriting) { t_isWriting = true; }
+  ~ArenaUse() { t_isWriting = outer_; }
+  ArenaUse(const ArenaUse&) = delete;
+  ArenaUse& operator=(const ArenaUse&) = delete;
+
+ private:
+  const bool outer_;
+};
+
+// Around the library's file functions, for a thread that holds a shard's lock. Holds the lock of
+// the files, and keeps errno.
 class Writing {
  public:
-  Writing() { t_isWriting = true; }
-  ~Writing() { t_isWriting = false; }
+  Writing() { LockOwnFiles(); }
+  ~Writing() {
+    UnlockOwnFiles();
+    errno = keptErrno_;
+  }
   Writing(const Writing&) = delete;
   Writing& operator=(const Writing&) = delete;
 
-  // Without it no file may be opened. What is written to an open one takes no memory.
-  bool HasMemory() { return library_.HasMemoryForFiles(); }
-
  private:
+  const int keptErrno_ = errno;
   const WriteSignalsBlocked signals_;
-  LibraryHold library_;
+  const MemoryPurpose purpose_{OwnMemory::kFiles};
+  const ArenaUse arena_;
 };
 
 }  // namespace heapscope

@@ -12,7 +12,7 @@ using Counts = std::map<std::string, int64_t>;
 Summary SummaryOf(const std::string& part) {
   const TemporaryDirectory directory;
   const std::string file = directory.File("summary");
-  const Outcome outcome = RunCommand(UnderHeapscope({"-o", file}, {SUBJECT, part}));
+  const Outcome outcome = RunCommand(UnderHeapscope({"-summary", file}, {SUBJECT, part}));
   EXPECT_EQ(0, ExitStatus(outcome)) << outcome.errors;
   const std::vector<Summary> summaries = ReadSummaries(Contents(file));
   EXPECT_EQ(1u, summaries.size());
@@ -86,7 +86,7 @@ TEST(CountsTest, ResultsAreThoseOfTheRealFunctions) {
   const TemporaryDirectory directory;
   const Outcome plain = RunCommand({.arguments = {SUBJECT, "edges"}});
   const Outcome counted =
-      RunCommand(UnderHeapscope({"-o", directory.File("summary")}, {SUBJECT, "edges"}));
+      RunCommand(UnderHeapscope({"-summary", directory.File("summary")}, {SUBJECT, "edges"}));
   EXPECT_EQ(0, ExitStatus(counted)) << counted.errors;
   EXPECT_LT(1000u, plain.output.size());
   EXPECT_EQ(plain.output, counted.output);
@@ -127,7 +127,7 @@ TEST(CountsTest, BlocksFromBeforeTheStartCanBeMovedAndFreed) {
   const std::string file = directory.File("summary");
   const Outcome outcome = RunCommand(
       {.arguments = {SUBJECT, "use-block-from-before-the-start"},
-       .variables = {"LD_PRELOAD=" COLLECTOR ":" SECOND_ALLOCATOR, "HEAPSCOPE_OUTPUT=" + file}});
+       .variables = {"LD_PRELOAD=" COLLECTOR ":" SECOND_ALLOCATOR, "HEAPSCOPE_OPTIONS=-summary\x1f" + file}});
   EXPECT_EQ(0, ExitStatus(outcome)) << outcome.errors;
   const std::vector<Summary> summaries = ReadSummaries(Contents(file));
   ASSERT_EQ(1u, summaries.size());
@@ -139,7 +139,8 @@ TEST(CountsTest, AProgramThatRunsOutOfMemoryGoesOn) {
   if (!kCountsAreTheProgramsOwn) GTEST_SKIP();
   const TemporaryDirectory directory;
   const std::string file = directory.File("summary");
-  const Outcome outcome = RunCommand(UnderHeapscope({"-o", file}, {SUBJECT, "run-out-of-memory"}));
+  const Outcome outcome =
+      RunCommand(UnderHeapscope({"-summary", file}, {SUBJECT, "run-out-of-memory"}));
   ASSERT_EQ(0, ExitStatus(outcome)) << outcome.errors;
   const std::vector<Summary> summaries = ReadSummaries(Contents(file));
   ASSERT_EQ(1u, summaries.size());

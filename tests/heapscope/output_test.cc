@@ -11,7 +11,8 @@
 namespace {
 
 TEST(OutputTest, StandardErrorHasTheSummaryOfTheProgramAlone) {
-  const Outcome outcome = RunCommand(UnderHeapscope({}, {SUBJECT, "spawn-with-its-own-errors"}));
+  const Outcome outcome =
+      RunCommand(UnderHeapscope({"-children"}, {SUBJECT, "spawn-with-its-own-errors"}));
   EXPECT_EQ(0, ExitStatus(outcome));
   EXPECT_EQ("", outcome.output);
   EXPECT_EQ(1u, ReadSummaries(outcome.errors).size());
@@ -27,8 +28,9 @@ TEST(OutputTest, StandardErrorThatTheProgramRedirectedIsLeftAlone) {
 
 TEST(OutputTest, EachProcessCanHaveAFileOfItsOwn) {
   const TemporaryDirectory directory;
-  const Outcome outcome = RunCommand(
-      UnderHeapscope({"-o", directory.File("%%-%p.txt")}, {SUBJECT, "spawn-with-its-own-errors"}));
+  const Outcome outcome =
+      RunCommand(UnderHeapscope({"-children", "-summary", directory.File("%%-%p.txt")},
+                                {SUBJECT, "spawn-with-its-own-errors"}));
   EXPECT_EQ(0, ExitStatus(outcome));
   size_t files = 0;
   for (const auto& entry : std::filesystem::directory_iterator(directory.File(""))) {
@@ -44,7 +46,7 @@ TEST(OutputTest, AFileOfAnEarlierRunIsEmptied) {
   const TemporaryDirectory directory;
   const std::string file = directory.File("summary");
   std::ofstream(file) << "of an earlier run";
-  EXPECT_EQ(0, ExitStatus(RunCommand(UnderHeapscope({"-o", file}, {SUBJECT, "nothing"}))));
+  EXPECT_EQ(0, ExitStatus(RunCommand(UnderHeapscope({"-summary", file}, {SUBJECT, "nothing"}))));
   EXPECT_EQ(0u, Contents(file).find("heapscope: "));
 }
 
@@ -61,7 +63,7 @@ TEST(OutputTest, ClosedStandardDescriptorsStayFreeForTheProgram) {
   const int firstDescriptor = ExitStatus(RunCommand(plain));
   EXPECT_LT(2, firstDescriptor);
   for (const std::vector<std::string>& options :
-       {std::vector<std::string>{}, {"-o", file, "-d", directory.File("files")}}) {
+       {std::vector<std::string>{}, {"-summary", file, "-out", directory.File("files")}}) {
     Command command = UnderHeapscope(options, plain.arguments);
     command.closedDescriptors = plain.closedDescriptors;
     EXPECT_EQ(firstDescriptor, ExitStatus(RunCommand(command)));
@@ -74,7 +76,7 @@ TEST(OutputTest, ADescriptorThatBecameTheProgramsIsNotWrittenTo) {
   const std::string file = directory.File("summary");
   const std::string own = directory.File("own");
   for (const std::vector<std::string>& options :
-       {std::vector<std::string>{}, std::vector<std::string>{"-o", file}}) {
+       {std::vector<std::string>{}, {"-children", "-summary", file}}) {
     Command command = UnderHeapscope(options, {SUBJECT, "take-all-descriptors"});
     command.variables = {"OWN_FILE=" + own};
     const Outcome outcome = RunCommand(command);
@@ -89,7 +91,7 @@ TEST(LauncherTest, ItsOwnFailuresHaveStatusesOfTheirOwn) {
   const TemporaryDirectory directory;
   EXPECT_EQ(125, ExitStatus(RunCommand({.arguments = {LAUNCHER}})));
   EXPECT_EQ(125, ExitStatus(RunCommand(UnderHeapscope({"-x"}, {SUBJECT}))));
-  for (const char* const option : {"-o", "-d"}) {
+  for (const char* const option : {"-summary", "-out"}) {
     EXPECT_EQ(
         125,
         ExitStatus(RunCommand(UnderHeapscope({option, "/nowhere/file"}, {SUBJECT, "nothing"}))));
@@ -113,7 +115,7 @@ TEST(LauncherTest, RunsFromAnInstalledTree) {
   const std::string launcher = prefix + "/" INSTALL_BINDIR "/heapscope";
   const std::string file = directory.File("summary");
   const Outcome outcome =
-      RunCommand({.arguments = {launcher, "-o", file, SUBJECT, "each-function"}});
+      RunCommand({.arguments = {launcher, "-summary", file, "--", SUBJECT, "each-function"}});
   EXPECT_EQ(0, ExitStatus(outcome));
   EXPECT_EQ("", outcome.errors);
   EXPECT_EQ(1u, ReadSummaries(Contents(file)).size());

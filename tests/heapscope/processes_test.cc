@@ -21,7 +21,7 @@ PartRun RunPart(const std::string& part) {
   const TemporaryDirectory directory;
   const std::string file = directory.File("summary");
   PartRun result;
-  result.outcome = RunCommand(UnderHeapscope({"-o", file}, {SUBJECT, part}));
+  result.outcome = RunCommand(UnderHeapscope({"-children", "-summary", file}, {SUBJECT, part}));
   result.summaries = ReadSummaries(Contents(file));
   return result;
 }

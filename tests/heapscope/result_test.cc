@@ -1,72 +1,13 @@
-// The result files and logs of heapscope -d, as xmllint reads them.
+// The result files and logs of heapscope -out, as xmllint reads them.
 
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <filesystem>
 #include <sstream>
 
-#include "tests/heapscope/run.h"
-#include "tests/heapscope/summary_reader.h"
+#include "tests/heapscope/result_files.h"
 
 namespace {
-
-// Runs a program with a directory for its files.
-class RunWithFiles {
- public:
-  explicit RunWithFiles(const std::vector<std::string>& arguments) {
-    outcome_ = RunCommand(UnderHeapscope(
-        {"-d", directory_.File("files"), "-o", directory_.File("summary")}, arguments));
-    for (const auto& entry : std::filesystem::directory_iterator(directory_.File("files")))
-      files_.push_back(entry.path());
-  }
-
-  const Outcome& GetOutcome() const { return outcome_; }
-  std::vector<Summary> Summaries() const {
-    return ReadSummaries(Contents(directory_.File("summary")));
-  }
-  std::vector<std::string> Files(const std::string& kind) const {
-    std::vector<std::string> files;
-    for (const std::filesystem::path& file : files_) {
-      if (file.extension() == "." + kind) files.push_back(file);
-    }
-    return files;
-  }
-  std::string OnlyFile(const std::string& kind) const {
-    const std::vector<std::string> files = Files(kind);
-    EXPECT_EQ(1u, files.size());
-    return files.empty() ? "" : files[0];
-  }
-
-  void ExpectAllAreValid() const {
-    std::vector<std::string> schema = {"xmllint", "--noout", "--relaxng", RESULT_SCHEMA};
-    for (const std::string& file : Files("xml")) schema.push_back(file);
-    EXPECT_EQ(0, ExitStatus(RunCommand({.arguments = schema})));
-    std::vector<std::string> wellFormed = {"xmllint", "--noout"};
-    for (const std::string& file : Files("log")) wellFormed.push_back(file);
-    EXPECT_EQ(0, ExitStatus(RunCommand({.arguments = wellFormed})));
-  }
-
- private:
-  const TemporaryDirectory directory_;
-  Outcome outcome_;
-  std::vector<std::filesystem::path> files_;
-};
-
-std::string Ask(const std::string& file, const std::string& xpath) {
-  std::string answer =
-      RunCommand({.arguments = {"xmllint", "--xpath", "string(" + xpath + ")", file}}).output;
-  if (answer.ends_with('\n')) answer.pop_back();
-  return answer;
-}
-int64_t AskNumber(const std::string& file, const std::string& xpath) {
-  return std::stoll("0" + Ask(file, xpath));
-}
-
-Amounts AskAmounts(const std::string& file, const std::string& element) {
-  return {AskNumber(file, "sum(" + element + "/@blocks)"),
-          AskNumber(file, "sum(" + element + "/@bytes)")};
-}
 
 TEST(ResultTest, SaysWhatTheSummarySays) {
   const RunWithFiles run({SUBJECT, "each-function"});
@@ -119,6 +60,14 @@ TEST(ResultTest, EveryForkedProcessHasFilesOfItsOwn) {
   size_t ends = 0;
   for (std::string type; answer >> type; ++ends) EXPECT_EQ("PROCESS_ENDED", type);
   EXPECT_EQ(run.Files("log").size(), ends);
+
+  // Children go on with their parents' live blocks, and know where they came from.
+  const std::string file = run.Files("xml").front();
+  for (const char* const amount : {"inherited", "allocated", "freed", "live"}) {
+    EXPECT_EQ(AskAmounts(file, std::string("//totals/") + amount),
+              AskAmounts(file, std::string("//site/") + amount))
+        << amount;
+  }
 }
 
 TEST(ResultTest, TextFromOutsideIsCleaned) {
@@ -164,7 +113,7 @@ TEST(LogTest, AProgramWithoutMemoryOrDescriptorsGoesOn) {
     Command plain = {.arguments = {SUBJECT, part}};
     plain.variables = {"OWN_FILE=" + directory.File("own")};
     Command counted = UnderHeapscope(
-        {"-d", directory.File("files"), "-o", directory.File("summary")}, plain.arguments);
+        {"-out", directory.File("files"), "-summary", directory.File("summary")}, plain.arguments);
     counted.variables = plain.variables;
     EXPECT_EQ(0, ExitStatus(RunCommand(counted))) << part;
     EXPECT_EQ("", Contents(directory.File("own")));

@@ -66,8 +66,8 @@ TEST_P(UnchangedProgramsTest, OutputAndStatusAreTheSame) {
     GTEST_SKIP() << GetParam().program << " is not installed";
   const TemporaryDirectory directory;
   const std::string file = directory.File("summary");
-  const Outcome counted =
-      RunCommand(UnderHeapscope({"-o", file, "-d", directory.File("files")}, arguments));
+  const Outcome counted = RunCommand(
+      UnderHeapscope({"-children", "-summary", file, "-out", directory.File("files")}, arguments));
   EXPECT_EQ(plain.status, counted.status);
   EXPECT_EQ(plain.output, counted.output);
   EXPECT_EQ(plain.errors, counted.errors);
