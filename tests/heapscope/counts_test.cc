@@ -125,9 +125,9 @@ TEST(CountsTest, BlocksFromBeforeTheStartCanBeMovedAndFreed) {
   if (!kCountsAreTheProgramsOwn) GTEST_SKIP();
   const TemporaryDirectory directory;
   const std::string file = directory.File("summary");
-  const Outcome outcome = RunCommand(
-      {.arguments = {SUBJECT, "use-block-from-before-the-start"},
-       .variables = {"LD_PRELOAD=" COLLECTOR ":" SECOND_ALLOCATOR, "HEAPSCOPE_OPTIONS=-summary\x1f" + file}});
+  const Outcome outcome = RunCommand({.arguments = {SUBJECT, "use-block-from-before-the-start"},
+                                      .variables = {"LD_PRELOAD=" COLLECTOR ":" SECOND_ALLOCATOR,
+                                                    "HEAPSCOPE_OPTIONS=-summary\x1f" + file}});
   EXPECT_EQ(0, ExitStatus(outcome)) << outcome.errors;
   const std::vector<Summary> summaries = ReadSummaries(Contents(file));
   ASSERT_EQ(1u, summaries.size());

@@ -100,6 +100,28 @@ TEST(LauncherTest, ItsOwnFailuresHaveStatusesOfTheirOwn) {
   EXPECT_EQ(127, ExitStatus(RunCommand(UnderHeapscope({}, {directory.File("nothing")}))));
 }
 
+TEST(LauncherTest, HelpsWithOptions) {
+  const Outcome asked = RunCommand(UnderHeapscope({"-help"}, {}));
+  EXPECT_EQ(0, ExitStatus(asked));
+  const Outcome unknown = RunCommand(UnderHeapscope({"-unknown"}, {SUBJECT, "nothing"}));
+  const Outcome invalid = RunCommand(UnderHeapscope({"-stack", "x"}, {SUBJECT, "nothing"}));
+  for (const Outcome& outcome : {asked, unknown, invalid}) {
+    EXPECT_NE(std::string::npos, outcome.output.find("Usage: heapscope "));
+    EXPECT_NE(std::string::npos, outcome.output.find("-stack"));
+  }
+  EXPECT_EQ(125, ExitStatus(unknown));
+  EXPECT_EQ(125, ExitStatus(invalid));
+}
+
+TEST(LauncherTest, SaysWhyNothingIsRecorded) {
+  const TemporaryDirectory directory;
+  const Outcome outcome =
+      RunCommand(UnderHeapscope({"-out", directory.File("files")}, {STATIC_PROGRAM}));
+  EXPECT_EQ(6, ExitStatus(outcome));
+  EXPECT_NE(std::string::npos, outcome.errors.find("it is linked statically"));
+  EXPECT_NE(std::string::npos, outcome.errors.find("left no result"));
+}
+
 TEST(LauncherTest, RunsFromAnInstalledTree) {
   if (!std::filesystem::exists(BUILD_DIR "/cmake_install.cmake"))
     GTEST_SKIP() << "nothing to install";

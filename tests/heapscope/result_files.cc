@@ -2,10 +2,12 @@
 
 #include <gtest/gtest.h>
 
-RunWithFiles::RunWithFiles(const std::vector<std::string>& arguments) {
-  outcome_ = RunCommand(UnderHeapscope(
-      {"-children", "-out", directory_.File("files"), "-summary", directory_.File("summary")},
-      arguments));
+RunWithFiles::RunWithFiles(const std::vector<std::string>& arguments,
+                           std::vector<std::string> options) {
+  for (const std::string& more : {std::string("-out"), directory_.File("files"),
+                                  std::string("-summary"), directory_.File("summary")})
+    options.push_back(more);
+  outcome_ = RunCommand(UnderHeapscope(options, arguments));
   for (const auto& entry : std::filesystem::directory_iterator(directory_.File("files")))
     files_.push_back(entry.path());
 }

@@ -11,7 +11,8 @@
 // Runs a program with a directory for its files.
 class RunWithFiles {
  public:
-  explicit RunWithFiles(const std::vector<std::string>& arguments);
+  explicit RunWithFiles(const std::vector<std::string>& arguments,
+                        std::vector<std::string> options = {"-children"});
 
   const Outcome& GetOutcome() const { return outcome_; }
   std::vector<Summary> Summaries() const;

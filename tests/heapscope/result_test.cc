@@ -80,6 +80,36 @@ TEST(ResultTest, TextFromOutsideIsCleaned) {
   EXPECT_EQ(std::string(4095, '&'), Ask(file, "//argument[5]"));
 }
 
+TEST(ResultTest, ChildrenAreWatchedOnRequest) {
+  for (const size_t results : {1u, 2u}) {
+    const RunWithFiles run({SUBJECT, "spawn-with-its-own-errors"},
+                           results == 2 ? std::vector<std::string>{"-children"}
+                                        : std::vector<std::string>{"-no-children"});
+    EXPECT_EQ(results, run.Files("xml").size());
+    EXPECT_EQ(results, run.Files("log").size());
+  }
+}
+
+// A module that comes back, at another address perhaps, keeps its sites.
+TEST(ResultTest, AModuleThatIsLoadedAgainIsTheSameModule) {
+  const RunWithFiles run({SUBJECT, "load-and-unload"});
+  run.ExpectAllAreValid();
+  const std::string file = run.OnlyFile("xml");
+  const std::string library = "//module[contains(path,'heapscope_plugin')]";
+  EXPECT_EQ(1, AskNumber(file, "count(" + library + ")"));
+  const std::string sites = "//site[frame[1]/@module=" + library + "/@id]";
+  EXPECT_EQ(1, AskNumber(file, "count(" + sites + ")"));
+  EXPECT_EQ((Amounts{5, 5 * 321}), AskAmounts(file, sites + "/allocated"));
+}
+
+TEST(LogTest, BeginsWithTheOptionsInForce) {
+  const RunWithFiles run({SUBJECT, "nothing"}, {"-stack", "fp", "-depth", "7"});
+  const std::string log = Contents(run.OnlyFile("log"));
+  for (const char* const line :
+       {"-stack                             fp", "-depth                             7"})
+    EXPECT_NE(std::string::npos, log.find(line)) << line;
+}
+
 TEST(LogTest, EveryProblemHasARecordUntilThereAreTooMany) {
   const RunWithFiles few({SUBJECT, "edges"});
   few.ExpectAllAreValid();

@@ -15,6 +15,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -279,6 +280,18 @@ static void ExecWithOtherErrors(void) {
   execl(g_self, g_self, "nothing", NULL);
 }
 
+static void LoadAndUnload(void) {
+  for (int i = 0; i < 5; ++i) {
+    void* const plugin = dlopen(PLUGIN, RTLD_NOW);
+    CHECK(plugin != NULL);
+    void (*allocate)(void) = (void (*)(void))dlsym(plugin, "AllocateInPlugin");
+    allocate();
+    CHECK(dlclose(plugin) == 0);
+    // Takes the place where it was, most of the time.
+    CHECK(mmap(NULL, 1 << 16, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0) != MAP_FAILED);
+  }
+}
+
 // Ends -------------------------------------------------------------------------------------------
 
 static void* ExitWith7(void* unused) {
@@ -394,6 +407,7 @@ static const struct {
     {"exec", Exec},
     {"spawn-with-its-own-errors", SpawnWithItsOwnErrors},
     {"exec-with-other-errors", ExecWithOtherErrors},
+    {"load-and-unload", LoadAndUnload},
     {"exit-in-thread", ExitInThread},
     {"quick-exit", QuickExit},
     {"exit-at-once", ExitAtOnce},

@@ -23,8 +23,12 @@ std::string SitesIn(uint64_t start, uint64_t stop, const std::string& file) {
   return "//site[" + (predicate.empty() ? "false()" : predicate) + "]/";
 }
 
-TEST(TruthTest, EverySiteIsCountedToTheByte) {
-  const RunWithFiles run({TRUTH});
+class TruthTest : public testing::TestWithParam<const char*> {};
+INSTANTIATE_TEST_SUITE_P(Stacks, TruthTest, testing::Values("unwind", "fp", "caller"));
+
+TEST_P(TruthTest, EverySiteIsCountedToTheByte) {
+  const std::string mode = GetParam();
+  const RunWithFiles run({TRUTH}, {"-stack", mode});
   ASSERT_EQ(0, ExitStatus(run.GetOutcome()));
   run.ExpectAllAreValid();
   const std::string file = run.OnlyFile("xml");
@@ -40,6 +44,9 @@ TEST(TruthTest, EverySiteIsCountedToTheByte) {
     EXPECT_EQ((Amounts{allocated.blocks - live.blocks, allocated.bytes - live.bytes}),
               AskAmounts(file, sites + "freed"))
         << places;
+    // The places are called from one function each: there is a second frame, or none is asked for.
+    const bool hasCallers = Ask(file, sites + "frame[2]/@module") != "";
+    EXPECT_EQ(mode != "caller", hasCallers) << places;
     EXPECT_LE(live.bytes, AskNumber(file, "sum(" + sites + "peak/@bytes)"));
   }
   EXPECT_EQ(4, places);
