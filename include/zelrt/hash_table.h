@@ -26,10 +26,12 @@
  *
  * Callbacks must not throw. What runs under which lock, and may call what of the same table:
  *   hash functions     none, or the leaf's                           nothing
- *   keyEquals          the leaf's and the bucket's                   nothing
+ *   keyEquals          the leaf's and the bucket's, or the leaf's    nothing
+ *                      alone, exclusively
  *   keyRelease         the leaf's exclusively, or the leaf's shared  nothing
  *                      and the bucket's exclusively; none in destroy
- *   acquire            the leaf's and the bucket's, shared           a scan, which returns 0
+ *   acquire            the leaf's and the bucket's, shared           a scan, which returns 0 for
+ *                                                                    that leaf
  *   visit and release  the leaf's and the entry's, exclusively       a scan, which returns 0 for
  *                                                                    that leaf; in a table of one
  *                                                                    level, a lookup or acquire

@@ -26,6 +26,7 @@ uint32_t ActTid(void* data, uint32_t tid) { return g_action(data) + tid; }
 void ActOnKey(uint64_t key) { g_action(Data(key)); }
 uint32_t NeverCalled(void*) { return ADD_FAILURE(), 1; }
 uint32_t IsOdd(void* data, void*) { return Number(data) % 2 != 0 ? 1 : 0; }
+uint32_t CountVisit(void*, void* visits) { return ++*static_cast<uint32_t*>(visits); }
 uint32_t IsEqual(void* data, void* other) { return data == other ? 5 : 0; }
 
 uint32_t KeysEqual(uint64_t a, uint64_t b) { return a % 1000 == b % 1000 ? 4 : 0; }
@@ -107,7 +108,9 @@ TEST_P(HashTableModelTest, RandomOperationsAnswerAsAMapWould) {
     }
     ASSERT_TRUE(HashTableIsConsistent(table_)) << "step " << step;
   }
-  EXPECT_EQ(0u, __ZelScanHashTable(table_, IsOdd, nullptr, 0, NeverCalled, &count_));
+  uint32_t visits = 0;
+  EXPECT_EQ(0u, __ZelScanHashTable(table_, CountVisit, &visits, 0, NeverCalled, &count_));
+  EXPECT_EQ(model.size(), visits);
   EXPECT_EQ(model.size(), count_);
   EXPECT_EQ(count_, __ZelScanAndEmptyHashTable(table_, nullptr, &count_));
   EXPECT_EQ(Data(1), Insert(1));
