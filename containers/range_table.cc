@@ -207,11 +207,13 @@ uint32_t LevelForLength(const Table* table, uint64_t length) {
 }
 
 // Calls visit(level, block) for the blocks of [start, end), ascending. Addresses are compared by
-// their distance from `end`, so that nothing wraps at the top of the address space.
+// their distance from `end`, so that nothing wraps at the top of the address space. Nothing empty
+// has a block, not even the one that it lies in.
 template <typename Visit>
 inline void ForEachBlock(const Table* table, uint64_t start, uint64_t end, Visit visit) {
+  if (start >= end) return;
   uint64_t at = BlockAt(0, start);
-  if (at != start && at < end) {
+  if (at != start) {
     visit(0, at);
     if (end - at <= BlockSize(0)) return;
     at += BlockSize(0);
