@@ -117,13 +117,15 @@ TEST(FatalExitTest, EachRoadReportsAndEnds) {
       {kNone, FailOnTheWay, "hook -1\n", ""},
       {kCannotBeOpened, FailOnTheWay, "hook -1\n", ""},
       {kFull, FailOnTheWay, "hook -1\n", ""},
-      {kLog, FailOnTheWay, "hook -1\n", DefectAndStack(1, "first") + Terminated(2) + "\n\t<!-- bye -->"},
+      {kLog, FailOnTheWay, "hook -1\n",
+       DefectAndStack(1, "first") + Terminated(2) + "\n\t<!-- bye -->"},
       {kLog, FailInRecord<1>, "hook -1\n", DefectAndStack(1, "inside") + Terminated(2)},
       {kLog, FailInRecord<2>, "hook -1\n", DefectAndStack(1, "inside") + Terminated(2)},
       {kNone, FailInCollector, "hook -1\n", ""},
       {kLog, FailInCollector, "hook -1\n",
        "\n\t<!-- may open the log, which needs memory -->" +
-           RecordText(1, "COLLECT_MEMORY", "WARNING") + DefectAndStack(2, "collector") + Terminated(3)},
+           RecordText(1, "COLLECT_MEMORY", "WARNING") + DefectAndStack(2, "collector") +
+           Terminated(3)},
       {kNone, RunOutOfMemory, "hook -1\n", ""},
       {kLog, RunOutOfMemory, "hook -1\n", RecordText(1, "OUT_OF_MEMORY", "ERROR") + Terminated(2)},
       {kNotStarted, FailInTwoThreads, "hook -1\n", ""},
