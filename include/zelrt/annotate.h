@@ -12,17 +12,19 @@
  * lives as long as its code: inlined or unrolled code has one annotation for each copy, and code
  * that the linker drops takes its annotations along.
  *
- * What it does cost is what any use of the value would, and any asm statement:
- *   - a value that is not in a register then is brought into one, as constants above 31 and
- * negative ones are, which the tables cannot express; without optimisation that is every variable;
- *   - the compiler keeps annotations in order with each other, with volatile accesses and with
- * calls that it cannot see into. Other code may move across them.
+ * To the compiler it is an empty asm statement that uses the value, and so
+ *   - a value that is not in a register then is brought into one. So are constants above 31 and
+ *     negative ones, which the tables cannot express, and without optimisation all variables;
+ *   - annotations stay in order with each other, with volatile accesses and with calls that the
+ *     compiler cannot see into. Other code may move across them, and may be arranged differently.
  *
  * For x86-64, in functions, with GCC 9 or Clang 11 and the assembler of binutils 2.35, or later
  * ones of each. The linker is that of binutils or LLVM; gold with --gc-sections drops the
  * annotations. */
 #ifndef ZELRT_ANNOTATE_H
 #define ZELRT_ANNOTATE_H
+
+#include "zelrt/base.h"
 
 /* Annotates the place where it stands: a statement, without a result.
  *
