@@ -1,6 +1,7 @@
 // Stops the annotated program at each of its annotations and looks into the register that it names.
 // The program itself says what should be there.
 
+#include <elf.h>
 #include <gtest/gtest.h>
 #include <sys/ptrace.h>
 #include <sys/user.h>
@@ -33,12 +34,13 @@ uint64_t ValueOf(const ZelZCAArgument& argument, const user_regs_struct& r) {
   return argument.isRegister == 1 ? byNumber[argument.value] : argument.value;
 }
 
-// Of a position-independent program that was started but has not run yet.
-uint64_t LoadAddress(pid_t process) {
-  std::ifstream mappings("/proc/" + std::to_string(process) + "/maps");
+// Of a program that was started but has not run yet; 0 when it lies where its file says.
+uint64_t LoadAddress(pid_t process, const char* program) {
+  std::ifstream mappings("/proc/" + std::to_string(process) + "/maps"), file(program);
   uint64_t start = 0;
   mappings >> std::hex >> start;
-  return start;
+  file.seekg(offsetof(Elf64_Ehdr, e_type));
+  return file.get() == ET_DYN ? start : 0;
 }
 
 class AnnotateTest : public testing::TestWithParam<const char*> {};
@@ -57,7 +59,7 @@ TEST_P(AnnotateTest, RegistersHoldTheArguments) {
   int status = 0;
   ASSERT_EQ(process, waitpid(process, &status, 0));
   if (WIFEXITED(status) && WEXITSTATUS(status) == 77) GTEST_SKIP() << "ptrace is not allowed";
-  const Annotations annotations = AnnotationsOf(GetParam(), LoadAddress(process));
+  const Annotations annotations = AnnotationsOf(GetParam(), LoadAddress(process, GetParam()));
   EXPECT_LE(5u, annotations.size());
   const auto set = [&](uint64_t address, bool breakpoint) {
     static std::map<uint64_t, long> code;
