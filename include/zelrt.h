@@ -5,6 +5,7 @@
 #ifndef ZELRT_H
 #define ZELRT_H
 
+#include "zelrt/annotate.h"
 #include "zelrt/annotations.h"
 #include "zelrt/atomics.h"
 #include "zelrt/base.h"
