@@ -440,7 +440,7 @@ struct Extent {
 
 // Destroys the ranges of a span at whose ends no range reaches over.
 void DestroyWithin(const Table* table, Extent span, uint64_t self) {
-  const auto [low, high] = span;
+  const uint64_t low = span.start, high = span.end;
   const ZelRangeReleaseData release = table->releaseData;
   Walk(table, low, high, [=](void* item, uint64_t at) {
     if (IsEntry(item)) {

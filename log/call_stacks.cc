@@ -83,8 +83,9 @@ const char* FormatFrame(Line& line, uint64_t address, const char* symbol) {
 
 using namespace zelrt;
 
-// Frame records belong to no variable: a sanitizer knows nothing of them.
-[[gnu::no_sanitize("address", "thread")]] uint16_t __ZelCaptureStackBackTrace(
+// Frame records belong to no variable: a sanitizer knows nothing of them. In its gnu:: spelling,
+// clang ignores the attribute.
+__attribute__((no_sanitize("address", "thread"))) uint16_t __ZelCaptureStackBackTrace(
     uint64_t stackBase, uint64_t stackLimit, uint64_t framePointer, uint64_t firstAddress,
     uint64_t /*stackPointer*/, uint64_t* frames) {
   uint16_t count = 0;
