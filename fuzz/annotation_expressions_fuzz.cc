@@ -3,8 +3,8 @@
 #include <string>
 
 #include "fuzz/fuzz.h"
+#include "fuzz/guarded_bytes.h"
 #include "modules/expressions.h"
-#include "tests/support/guarded_bytes.h"
 
 namespace {
 
@@ -66,7 +66,7 @@ Evaluation Model(const std::string& bytes, ZelZCAArgument& argument) {
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size >= 1'000'000) return 0;
-  const zeltest::GuardedBytes bytes(data, size);
+  const zelfuzz::GuardedBytes bytes(data, size);
   uint64_t padding = size;
   ZelZCAArgument argument, expected;
   const Evaluation evaluation = zelrt::EvaluateExpression(bytes.Data(), size, padding, argument);

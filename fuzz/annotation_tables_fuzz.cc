@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "fuzz/fuzz.h"
-#include "tests/support/guarded_bytes.h"
+#include "fuzz/guarded_bytes.h"
 #include "zelrt/annotations.h"
 
 namespace {
@@ -11,7 +11,7 @@ namespace {
 constexpr size_t kSmallestItem = 16;
 
 struct Section {
-  const zeltest::GuardedBytes* bytes;
+  const zelfuzz::GuardedBytes* bytes;
   size_t records;
 };
 
@@ -30,7 +30,7 @@ void LookAt(const ZelZCARecord* record, void* context) {
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  const zeltest::GuardedBytes bytes(data, size);
+  const zelfuzz::GuardedBytes bytes(data, size);
   Section section = {&bytes, 0};
   __ZelZCAParseAndProcessRecords(0x400000, bytes.Data(), size, LookAt, &section);
   REQUIRE(section.records <= size / kSmallestItem);

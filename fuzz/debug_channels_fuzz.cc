@@ -3,12 +3,12 @@
 #include <string>
 
 #include "fuzz/fuzz.h"
-#include "tests/support/guarded_bytes.h"
+#include "fuzz/guarded_bytes.h"
 #include "zelrt/log.h"
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
-  const zeltest::GuardedBytes bytes(text.c_str(), size + 1);
+  const zelfuzz::GuardedBytes bytes(text.c_str(), size + 1);
   REQUIRE(__ZelParseDbgDumpOption("0x0") == 1);
   const uint32_t result = __ZelParseDbgDumpOption(bytes.Text());
   REQUIRE(result <= 1);

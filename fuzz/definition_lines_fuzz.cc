@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "fuzz/fuzz.h"
-#include "tests/support/guarded_bytes.h"
+#include "fuzz/guarded_bytes.h"
 #include "zelrt/annotations.h"
 #include "zelrt/memory.h"
 
@@ -41,7 +41,7 @@ std::string WithoutRunsOfSlashes(const std::string& path) {
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string line(reinterpret_cast<const char*>(data), size);
-  const zeltest::GuardedBytes bytes(line.c_str(), size + 1);
+  const zelfuzz::GuardedBytes bytes(line.c_str(), size + 1);
   ZelZCADefinition definition = {};
   const int result = __ZelZCAParseDefinition(bytes.Text(), &definition);
 

@@ -62,6 +62,7 @@ void __ZelExitHandler(int32_t code) {
   // Taken out before it is called: a hook that meets a fatal condition itself is not called again.
   const ZelExitHook hook = LoadAcquire(g_exitHook);
   if (hook != nullptr && AtomicCompareExchange(g_exitHook, nullptr, hook) == hook) hook(code);
+  KeepOthersFromLog(CallingOwner());
   std::exit(kExitStatus);
 }
 

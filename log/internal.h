@@ -66,6 +66,10 @@ class LogFileHold {
   ZelXmlFile* file_;
 };
 
+// For the thread that ends the process, in front of exit(): no other thread writes to a log file
+// any more.
+void KeepOthersFromLog(uint64_t self);
+
 // record.cc ---------------------------------------------------------------------------------------
 
 // Writes one record, or one bare comment, to the log file; what the parameters mean is told at

@@ -23,6 +23,10 @@ constinit uint32_t g_wasCreated = 0;
 constinit uint64_t g_creator = kNoOwner;  // the creation flag: who has taken it
 constinit uint32_t g_enderWaits = 0;  // the thread that ends the process wants a log file's lock
 
+// Set when the ending thread comes to exit(), which flushes streams without their locks: only that
+// thread writes to a log file from then on. What others have to say is lost.
+constinit uint64_t g_lastWriter = kNoOwner;
+
 // The thread that ends the process has waited for the log in vain, and does not wait again: its
 // report has many lines. It alone uses this.
 constinit bool g_isOutOfReach = false;
@@ -126,8 +130,25 @@ LogFileHold::LogFileHold(ZelXmlFile* file, uint64_t self) : file_(file) {
     if (LoadRelaxed(g_enderWaits) != 0 && !IsSpinLockHeldBy(&file->lock, self)) [[unlikely]]
       GiveWayToEnder();
     AcquireSpinLock(&file->lock, self);
+    if (LoadRelaxed(g_lastWriter) != kNoOwner) [[unlikely]] {
+      if constexpr (kDebugChecks) NoteLockReleased(&file->lock);
+      ReleaseHeldSpinLock(&file->lock);
+      file_ = nullptr;
+      return;
+    }
   }
   RecordXmlFileOwner(file, self);
+}
+
+void KeepOthersFromLog(uint64_t self) {
+  // Whoever has the lock finishes its record first, if that does not take too long.
+  ZelXmlFile* const file = CurrentLogFile();
+  if (file == nullptr) {
+    StoreRelaxed(g_lastWriter, self);
+    return;
+  }
+  const LogFileHold hold(file, self);
+  StoreRelaxed(g_lastWriter, self);
 }
 
 LogFileHold::~LogFileHold() {

@@ -61,13 +61,13 @@ ZEL_API extern const uint64_t ZEL_ZCA_FLAG_32BIT; /* 4: addresses are signed 32-
  *   ZCA parser: invalid zca section size           a header, name, expression or sub-table reaches
  *                                                  beyond the bytes
  *   zca_parser: Incorrect zca header format        no table where one should begin
- *   zca_parser: Expected zca version 2.0           of this version, not 1.1 or 1.2
+ *   zca_parser: Expected zca version 2.0           this is the version found, neither 1.1 nor 1.2
  *   zca_parser: incorrect number of zca items      more items than there are bytes
  *
  * "Found ZCA section with version 1.1" announces a table. An expression that is neither a register
  * nor a number gets "ZELRT: Unsupported Dwarf Expression in ZCA", and its record the number 0; a
- * single unknown operation gets the register 0xFFFFFFFF. The lengths of expressions may be padded,
- * together by as many bytes as there are. */
+ * single unknown operation gets the register 0xFFFFFFFF. The lengths of expressions may be padded;
+ * beyond nine bytes each, all items together have as many bytes of padding as there are bytes. */
 ZEL_API void __ZelZCAParseAndProcessRecords(uint64_t base, const void* data, uint64_t size,
                                             ZelZCARecordProc callback, void* context);
 
@@ -78,8 +78,8 @@ ZEL_API void __ZelZCAParseAndProcessRecords(uint64_t base, const void* data, uin
  *
  * These are the annotation's name, the module's path, the hexadecimal address in the module's file,
  * the first argument (decimal, 0x hexadecimal or 0 octal) and the hexadecimal address that the file
- * says the module is loaded at, which is the second argument. A number ends where its digits do.
- * Addresses have 32 bits. */
+ * says the module is loaded at, which is the second argument. A number ends where its digits do;
+ * of the address, the low 32 bits count. */
 
 /* A definition. Strings and the array come from __ZelMalloc in category 0. */
 typedef struct ZelZCADefinition {
@@ -108,8 +108,9 @@ ZEL_API int __ZelZCAParseDefinition(char* line, ZelZCADefinition* definition);
 
 /* Delivers a record of each definition for a module that is loaded at `loadBase`, in the order of
  * their loading. Definitions are chosen by the module's path, in which runs of '/' count as one, or
- * by what follows the last '/' of theirs. The callback is not null. Time is proportional to the
- * number of definitions, whatever their modules. */
+ * by what follows the last '/' of theirs (one in front does not count). The callback is not null. A
+ * null name delivers nothing, with an error in the log. Time is proportional to the number of
+ * definitions, whatever their modules. */
 ZEL_API void __ZelZCAProcessExternalRecords(const char* moduleName, uint64_t loadBase,
                                             ZelZCARecordProc callback, void* context);
 

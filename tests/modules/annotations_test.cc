@@ -4,7 +4,7 @@
 
 #include <sstream>
 
-#include "tests/support/guarded_bytes.h"
+#include "fuzz/guarded_bytes.h"
 #include "tests/support/recorded_log.h"
 #include "zelrt/log.h"
 
@@ -15,6 +15,7 @@ using Lines = std::vector<std::string>;
 
 constexpr char kFound[] = "Found ZCA section with version 1.2";
 constexpr char kBadSize[] = "ZCA parser: invalid zca section size";
+constexpr char kUnsupported[] = "ZELRT: Unsupported Dwarf Expression in ZCA";
 constexpr char kBadCount[] = "zca_parser: incorrect number of zca items";
 
 std::string Word(uint64_t value, size_t size = 4) {
@@ -47,10 +48,10 @@ uint64_t g_bytesAt = 0;  // where they were at the last parse
 // What a parse logs, and in between "two@10 3: r7-8" for a record.
 Lines Parse(const std::string& bytes) {
   zeltest::ClearLog();
-  zeltest::GuardedBytes guarded(bytes.data(), bytes.size());
+  zelfuzz::GuardedBytes guarded(bytes.data(), bytes.size());
   g_bytesAt = reinterpret_cast<uint64_t>(guarded.Data());
   const auto note = [](const ZelZCARecord* record, void* context) {
-    const auto& copy = *static_cast<const zeltest::GuardedBytes*>(context);
+    const auto& copy = *static_cast<const zelfuzz::GuardedBytes*>(context);
     EXPECT_TRUE(copy.Holds(record->expression) && copy.Holds(record->name));
     EXPECT_TRUE(copy.Holds(record->name + strlen(record->name)));  // or crashes: there is no NUL
     EXPECT_EQ(1u, record->argumentCount);
@@ -86,6 +87,10 @@ TEST(AnnotationsTest, TablesFollowOneAnother) {
   EXPECT_EQ(kLines11 + Lines{"zca_parser: Incorrect zca header format"},
             Parse(kTable11 + std::string(36, '.') + kTable12));
   EXPECT_EQ(kLines12 + Lines{kBadSize}, Parse(kTable12 + std::string(35, '.')));
+  EXPECT_EQ(kLines12 + Lines({kFound, kBadSize}),
+            Parse(kTable12 + Table(0, {{0, 0, 0, 0}}, "no NUL", "\1\x55")));
+  const std::string endsAtItsHeader = Table(0, {}, "", "").replace(24, 16, std::string(16, '\0'));
+  EXPECT_EQ(Lines{kFound} + kLines12, Parse(endsAtItsHeader + kTable12));
   EXPECT_EQ(Lines{"zca_parser: Expected zca version 2.0"},
             Parse(std::string(kTable11).replace(16, 2, "\0\2"s) + kTable12));
   zeltest::ClearLog();
@@ -107,25 +112,23 @@ TEST(AnnotationsTest, FlagsTellWhatAnAddressMeans) {
   }
 }
 
-// Hexadecimal bytes, in which "..." pads a length, and what becomes of them. "!" is the message.
+// Hexadecimal bytes, in which ".." pads a length, and what becomes of them. "!" is the message.
 TEST(AnnotationsTest, ExpressionsAreNumbersRegistersAndOffsets) {
   std::istringstream rows(
       "0130 n0+0  014F n31+0  0150 r0+0  016F r31+0  0170 r0+0  018F r31+0  012F r4294967295+0 "
       "0190 r4294967295+0  02703F r0+63  028F40 r31-64  0377807F r7-128  0477010203 r7+1 "
       "0677FFFFFFFF07 r7+2147483647  068F8080808078 r31-2147483648  0B77FFFFFFFFFFFFFFFFFF01 r7-1 "
-      "810055 r5+0  81...0055 r5+0  82...007778 r7-8  029110 !  025501 !  026F01 !  00 !  027780 ! "
-      "01 -  0277 -  80 -  ... -  81...0155 -  8180808080808080800255 -  FFFFFFFFFFFFFFFF7F55 -");
+      "810055 r5+0  81..0055 r5+0  82..007778 r7-8  029110 !  025501 !  026F01 !  029001 !  00 !  "
+      "027780 ! "
+      "01 -  0277 -  80 -  .. -  81..0155 -  8180808080808080800255 -  FFFFFFFFFFFFFFFF7F55 -");
   for (std::string row, result; rows >> row >> result;) {
     std::string bytes;
-    for (size_t at = 0; at < row.size(); at += row[at] == '.' ? 3 : 2) {
-      const bool isPadding = row[at] == '.';
-      const int byte = isPadding ? 0x80 : std::stoi(row.substr(at, 2), nullptr, 16);
-      bytes += std::string(isPadding ? 1'000 : 1, static_cast<char>(byte));
+    for (size_t at = 0; at < row.size(); at += 2) {
+      const std::string byte = row.substr(at, 2);
+      bytes += byte == ".." ? std::string(1'000, '\x80') : Word(std::stoul(byte, nullptr, 16), 1);
     }
-    Lines expected = {kFound, "n@0 0: " + result};
-    if (result == "!")
-      expected = {kFound, "ZELRT: Unsupported Dwarf Expression in ZCA", "n@0 0: n0+0"};
-    if (result == "-") expected = {kFound, kBadSize};
+    Lines expected = {kFound, result == "-" ? kBadSize : "n@0 0: " + result};
+    if (result == "!") expected = {kFound, kUnsupported, "n@0 0: n0+0"};
     EXPECT_EQ(expected, Parse(Table(0, {{0, 0, 0, 0}}, "n\0"s, bytes))) << row;
   }
 }

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <utility>
 
-namespace zeltest {
+namespace zelfuzz {
 
 class GuardedBytes {
  public:
@@ -46,4 +46,4 @@ class GuardedBytes {
   uint8_t* data_;
 };
 
-}  // namespace zeltest
+}  // namespace zelfuzz
