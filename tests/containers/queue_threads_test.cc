@@ -37,16 +37,19 @@ TEST_F(QueueThreadsTest, EachValueComesOnceAndInOrder) {
   constexpr uint32_t kProducers = 4, kTakers = 5, kEach = 20'000;
   std::vector<uintptr_t> taken[kTakers];
   std::atomic<uint32_t> left = kProducers * kEach;
+  std::atomic<bool> hasPeeked = false;  // until then the others leave it the queue
   zeltest::OnEachThread(kProducers + kTakers, [&](int thread) {
     const auto producer = static_cast<uintptr_t>(thread) - kTakers;
     for (uint32_t number = 1; thread >= static_cast<int>(kTakers) && number <= kEach; ++number) {
       __ZelEnqueue(queue_, producer << 32 | number);
       if (number % 16 == 0) std::this_thread::yield();
     }
+    while (thread < 4 && !hasPeeked) std::this_thread::yield();
     while (thread < static_cast<int>(kTakers) && left > 0) {
       const uintptr_t value =
           thread != 4 ? __ZelDequeue(queue_) : __ZelPeekQueue(queue_, IsOdd, 0, 0, 1);
       if (value != 0) taken[thread].push_back(value);
+      if (thread == 4 && value != 0) hasPeeked = true;
       const bool pause = value != 0 ? --left % 16 == 0 : __ZelIsQueueEmpty(queue_) != 0;
       if (pause) std::this_thread::yield();
     }
