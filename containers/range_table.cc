@@ -219,6 +219,7 @@ inline void ForEachBlock(const Table* table, uint64_t start, uint64_t end, Visit
     at += BlockSize(0);
   }
   const uint32_t top = TopLevel(table);
+  if (top >= kMaxLevels) __builtin_unreachable();  // no table is made with more
   while (at < end) {
     const uint64_t length = end - at;
     if (length < BlockSize(0)) return visit(0, at);

@@ -125,13 +125,13 @@ std::string PrepareDirectory(const char* directory) {
   if (mkdir(directory, 0777) != 0 && errno != EEXIST) FailWithError(directory);
   char* const absolute = realpath(directory, nullptr);
   if (absolute == nullptr || access(absolute, W_OK | X_OK) != 0) FailWithError(directory);
-  const std::string result = absolute;
+  std::string result = absolute;
   std::free(absolute);
   return result;
 }
 
 std::string PreparePattern(const char* pattern) {
-  const std::string absolute = AbsolutePath(pattern);
+  std::string absolute = AbsolutePath(pattern);
   PrepareFile(absolute);
   return absolute;
 }

@@ -52,11 +52,11 @@ void Options::Register() {
   help_ = __ZelRegisterBooleanOption(parser_, "-help", "Show this help", 0, 0, 1);
 }
 
-bool Options::Parse(int count, const char* const* arguments) {
+bool Options::Parse(int count, const char* const* arguments) const {
   return __ZelParseOptions2(parser_, count, arguments) != 0;
 }
 
-bool Options::ParseVariable() {
+bool Options::ParseVariable() const {
   const char* const value = std::getenv(kVariable);
   if (value == nullptr || value[0] == '\0') return true;
   static char copy[kMaxVariable];

@@ -19,10 +19,10 @@ class Options {
 
   // False when something is not understood. A value that is not among the valid ones of an option
   // ends the process, as the library has it.
-  bool Parse(int count, const char* const* arguments);
+  bool Parse(int count, const char* const* arguments) const;
 
   // From the environment variable, in which kSeparator stands between the arguments.
-  bool ParseVariable();
+  bool ParseVariable() const;
   static constexpr char kVariable[] = "HEAPSCOPE_OPTIONS";
   static constexpr char kSeparator = '\x1f';
 

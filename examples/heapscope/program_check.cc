@@ -20,7 +20,7 @@ std::string FindProgram(const std::string& program) {
   const char* const path = std::getenv("PATH");
   std::istringstream directories(path != nullptr ? path : "/bin:/usr/bin");
   for (std::string directory; std::getline(directories, directory, ':');) {
-    const std::string candidate = (directory.empty() ? "." : directory) + "/" + program;
+    std::string candidate = (directory.empty() ? "." : directory) + "/" + program;
     if (access(candidate.c_str(), X_OK) == 0) return candidate;
   }
   return program;
