@@ -18,9 +18,8 @@
 #ifdef ZELRT_BENCH_HAS_ABSL
 #include <absl/container/node_hash_map.h>
 #endif
-#if __has_include(<boost/unordered_map.hpp>)
+#ifdef ZELRT_BENCH_HAS_BOOST
 #include <boost/unordered_map.hpp>
-#define ZELRT_BENCH_HAS_BOOST
 #endif
 
 #include "bench/concurrent_maps.h"
