@@ -11,7 +11,6 @@
 
 #ifdef ZELRT_BENCH_HAS_ABSL
 #include <absl/container/flat_hash_map.h>
-#include <absl/synchronization/mutex.h>
 #endif
 
 #ifdef ZELRT_BENCH_HAS_CDS
@@ -25,6 +24,8 @@
 #include <urcu/rculfhash.h>
 #include <urcu/urcu-memb.h>
 #endif
+
+#include "bench/absl_mutex.h"
 
 namespace bench {
 
@@ -60,13 +61,6 @@ struct NoMap : StdGuardedMap {
 };
 
 #ifdef ZELRT_BENCH_HAS_ABSL
-struct AbslMutex {
-  void lock() { mutex.Lock(); }
-  void unlock() { mutex.Unlock(); }
-  void lock_shared() { mutex.ReaderLock(); }
-  void unlock_shared() { mutex.ReaderUnlock(); }
-  absl::Mutex mutex;
-};
 using AbslGuardedMap = GuardedMap<absl::flat_hash_map<uint64_t, void*>, AbslMutex>;
 #else
 using AbslGuardedMap = NoMap;

@@ -12,10 +12,7 @@
 #include <mutex>
 #include <shared_mutex>
 
-#ifdef ZELRT_BENCH_HAS_ABSL
-#include <absl/synchronization/mutex.h>
-#endif
-
+#include "bench/absl_mutex.h"
 #include "bench/floor.h"
 #include "bench/suite.h"
 #include "bench/two_threads.h"
@@ -88,13 +85,6 @@ struct PthreadSpin {
 };
 
 #ifdef ZELRT_BENCH_HAS_ABSL
-struct AbslMutex {
-  void lock() { mutex.Lock(); }
-  void unlock() { mutex.Unlock(); }
-  void lock_shared() { mutex.ReaderLock(); }
-  void unlock_shared() { mutex.ReaderUnlock(); }
-  absl::Mutex mutex;
-};
 Run IfThereIsAbsl(Run run) { return run; }
 #else
 using AbslMutex = std::shared_mutex;  // in place of it, so that the rest compiles; never run

@@ -1,9 +1,9 @@
 // What the files of the collector lend each other, by the file that defines it.
 //
-// Locks, outermost first: the stripes' locks (record.cc), in ascending order; the growth lock
-// (own_memory.cc); the library's. The library is called, where it takes locks, only by a thread
-// that holds a stripe's lock, so whoever holds all stripes, as fork's handlers do, knows that every
-// lock is free.
+// Locks, outermost first: the shards' locks (record.cc), in ascending order; the lock of the files
+// (own_files.cc) or that of the modules (modules.cc); the library's. The library is called, where
+// it takes locks, only by a thread that holds a shard's lock, so whoever holds all shards, as
+// fork's handlers do, knows that every lock is free.
 //
 // Nothing here may allocate from the program's heap. Streams, strings and containers are for
 // threads that are Writing alone: the arena serves them.
@@ -187,7 +187,8 @@ struct Amount {
   uint64_t blocks;
   uint64_t bytes;
 };
-struct ClassFigures {
+// What came and went, of everything, a size class or a site.
+struct Flow {
   Amount inherited;  // live when the process was forked
   Amount allocated;
   Amount freed;
@@ -205,8 +206,8 @@ struct Figures {
   uint64_t unseenFrees;   // blocks whose address was given out again
   uint64_t untracked;     // blocks for which the table had no memory
   uint64_t unrecorded;    // calls that found the table closed by a fork for too long
-  ClassFigures classes[kSizeClasses];
-  ClassFigures total;
+  Flow classes[kSizeClasses];
+  Flow total;
 };
 
 // Adds the figures up, without a lock: what other threads do meanwhile may be in some and not yet
@@ -240,17 +241,8 @@ struct SitePath {
   const Place* Places() const { return reinterpret_cast<const Place*>(this + 1); }
 };
 
-struct SiteFigures {
+struct SiteFigures : Flow {
   const SitePath* path;  // null: all for which there was no site
-  Amount inherited;
-  Amount allocated;
-  Amount freed;
-  uint64_t peakBytes;  // most that were live at one time
-
-  Amount Live() const {
-    return {inherited.blocks + allocated.blocks - freed.blocks,
-            inherited.bytes + allocated.bytes - freed.bytes};
-  }
 };
 void SetUpSites();
 uint32_t NumberOfSites();

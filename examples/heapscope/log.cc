@@ -155,7 +155,7 @@ void LogEnd(const Figures& figures) {
   if (!noFork.IsHeld()) return;
   const Writing writing;
   if (!IsOpen()) return;
-  const ClassFigures& total = figures.total;
+  const Flow& total = figures.total;
   const Amount live = total.Live();
   Write(ZELLOG_SEVERITY_INFO, Message::kValues, total.allocated.blocks, total.allocated.bytes,
         total.freed.blocks, total.freed.bytes, live.blocks, live.bytes, total.peakBytes,

@@ -319,7 +319,7 @@ void ReadFigures(Figures* figures) {
     }
   }
   for (uint32_t i = 0; i < kSizeClasses; ++i) {
-    ClassFigures& figuresOfClass = figures->classes[i];
+    Flow& figuresOfClass = figures->classes[i];
     figuresOfClass.inherited = g_inherited[i];
     figuresOfClass.peakBytes = g_classLevels[i].Peak();
     Add(figures->total.inherited, figuresOfClass.inherited);

@@ -39,12 +39,11 @@ void WriteAmount(ZelXmlWriter& result, const char* name, const Amount& amount) {
       .endElement();
 }
 
-void WriteFlow(ZelXmlWriter& result, const Amount& allocated, const Amount& freed,
-               const Amount& live, uint64_t peakBytes) {
-  WriteAmount(result, "allocated", allocated);
-  WriteAmount(result, "freed", freed);
-  WriteAmount(result, "live", live);
-  result.startElement("peak", false).writeAttribute("bytes", 0ULL + peakBytes).endElement();
+void WriteFlow(ZelXmlWriter& result, const Flow& flow) {
+  WriteAmount(result, "allocated", flow.allocated);
+  WriteAmount(result, "freed", flow.freed);
+  WriteAmount(result, "live", flow.Live());
+  result.startElement("peak", false).writeAttribute("bytes", 0ULL + flow.peakBytes).endElement();
 }
 
 const char* ReadExecutable(char* path, size_t size) {
@@ -77,14 +76,14 @@ void WriteProcess(ZelXmlWriter& result) {
   result.endElement();
 }
 
-void WriteTotals(ZelXmlWriter& result, const ClassFigures& total) {
+void WriteTotals(ZelXmlWriter& result, const Flow& total) {
   result.startElement("totals", true);
   if (g_process.forkedFrom != 0) {
     WriteAmount(result, "inherited", total.inherited);
   } else {
     WriteAmount(result, "allocated_at_load", EarlyAllocations());
   }
-  WriteFlow(result, total.allocated, total.freed, total.Live(), total.peakBytes);
+  WriteFlow(result, total);
   result.endElement();
 }
 
@@ -110,15 +109,15 @@ void WriteProblems(ZelXmlWriter& result, const Figures& figures) {
       .endElement();
 }
 
-void WriteClasses(ZelXmlWriter& result, const ClassFigures* classes) {
+void WriteClasses(ZelXmlWriter& result, const Flow* classes) {
   result.startElement("size_classes", true);
   for (uint32_t i = 0; i < kSizeClasses; ++i) {
-    const ClassFigures& figures = classes[i];
+    const Flow& figures = classes[i];
     if (figures.allocated.blocks == 0 && figures.inherited.blocks == 0) continue;
     result.startElement("size_class", false);
     if (i != kSizeClasses - 1) result.writeAttribute("up_to", 0ULL + LargestInClass(i));
     if (g_process.forkedFrom != 0) WriteAmount(result, "inherited", figures.inherited);
-    WriteFlow(result, figures.allocated, figures.freed, figures.Live(), figures.peakBytes);
+    WriteFlow(result, figures);
     result.endElement();
   }
   result.endElement();
@@ -167,7 +166,7 @@ void WriteModules(ZelXmlWriter& result) {
 void WriteSite(ZelXmlWriter& result, const SiteFigures& site) {
   result.startElement("site", true);
   if (g_process.forkedFrom != 0) WriteAmount(result, "inherited", site.inherited);
-  WriteFlow(result, site.allocated, site.freed, site.Live(), site.peakBytes);
+  WriteFlow(result, site);
   for (uint64_t i = 0; site.path != nullptr && i < site.path->count; ++i) {
     const Place place = site.path->Places()[i];
     result.startElement("frame", false);

@@ -44,7 +44,7 @@ constexpr uint64_t Mix(uint64_t hash, uint64_t value) {
   return hash ^ hash >> 29;
 }
 
-// Of 64 bits, none of which is taken on trust: two paths with one hash would be one site.
+// Two paths with one hash would be one site: of 64 mixed bits, that is not to be expected.
 uint64_t HashOf(const CallPath& path) {
   uint64_t hash = Mix(0x243F6A8885A308D3, ModuleEpoch());
   for (uint32_t i = 0; i < path.count; ++i) hash = Mix(hash, path.frames[i]);
@@ -181,7 +181,7 @@ uint32_t NumberOfSites() {
 SiteFigures ReadSite(uint32_t index) { return SiteAt(index).Read(); }
 
 SiteFigures Site::Read() const {
-  SiteFigures figures;
+  SiteFigures figures = {};
   figures.path = path_.load(std::memory_order_acquire);
   figures.inherited = inherited_;
   // Frees first, as each one's allocation was counted before it.

@@ -73,7 +73,7 @@ void AddAmount(const char* name, const Amount& amount) {
              Grouped(amount.bytes).Text());
 }
 
-void AddTotals(const ClassFigures& total) {
+void AddTotals(const Flow& total) {
   g_text.Add("  %-12s %16s %20s\n", "", "blocks", "bytes");
   if (g_process.forkedFrom != 0) AddAmount("inherited", total.inherited);
   AddAmount("allocated", total.allocated);
@@ -109,11 +109,11 @@ void AddIrregularities(const Figures& figures) {
   }
 }
 
-void AddClasses(const ClassFigures* classes) {
+void AddClasses(const Flow* classes) {
   g_text.Add("\n  %10s %13s %17s %13s %13s %17s %17s\n", "size up to", "allocated", "bytes",
              "freed", "live", "live bytes", "peak bytes");
   for (uint32_t i = 0; i < kSizeClasses; ++i) {
-    const ClassFigures& figures = classes[i];
+    const Flow& figures = classes[i];
     const Amount live = figures.Live();
     if (figures.allocated.blocks == 0 && figures.inherited.blocks == 0) continue;
     AddClassName(i);

@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "host/host.h"
-#include "tests/support/allocator_is_empty.h"
+#include "tests/support/blocks_in_use.h"
 
 namespace {
 
@@ -44,7 +44,7 @@ class HashTableTest : public testing::Test {
   }
   void TearDown() override {
     DestroyAndTell();
-    EXPECT_TRUE(zeltest::AllocatorIsEmpty());
+    EXPECT_TRUE(zeltest::NoBlockIsInUse());
   }
 
   void Create(uint32_t flags, int32_t levels, ZelHashKeyRelease release = nullptr) {

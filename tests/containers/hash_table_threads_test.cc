@@ -9,7 +9,7 @@
 
 #include "containers/hash_table.h"
 #include "host/host.h"
-#include "tests/support/allocator_is_empty.h"
+#include "tests/support/blocks_in_use.h"
 #include "tests/support/threads.h"
 
 namespace {
@@ -40,7 +40,7 @@ class HashTableThreadsTest : public testing::TestWithParam<int32_t> {
     __ZelRtStartup();
     zeltest::backing::Install();
   }
-  void TearDown() override { EXPECT_TRUE(zeltest::AllocatorIsEmpty()); }
+  void TearDown() override { EXPECT_TRUE(zeltest::NoBlockIsInUse()); }
 
   static ZelHashTable* Create() {
     return __ZelCreateHashTable(0, nullptr, GetParam(), nullptr, nullptr, 1, 0);

@@ -10,7 +10,7 @@
 
 #include "containers/hash_table.h"
 #include "containers/range_table.h"
-#include "tests/support/allocator_is_empty.h"
+#include "tests/support/blocks_in_use.h"
 #include "tests/support/fake_backing.h"
 
 namespace {
@@ -147,7 +147,7 @@ class TableAndModel {
 class RangeTableTest : public testing::Test {
  protected:
   void SetUp() override { zeltest::backing::Install(); }
-  void TearDown() override { EXPECT_TRUE(zeltest::AllocatorIsEmpty()); }
+  void TearDown() override { EXPECT_TRUE(zeltest::NoBlockIsInUse()); }
 };
 
 // In a window of a few blocks ranges meet all the time.

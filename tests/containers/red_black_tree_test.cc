@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "containers/red_black_tree.h"
-#include "tests/support/allocator_is_empty.h"
+#include "tests/support/blocks_in_use.h"
 #include "tests/support/fake_backing.h"
 
 namespace {
@@ -120,7 +120,7 @@ class TreeAndModel {
 class RedBlackTreeTest : public testing::Test {
  protected:
   void SetUp() override { zeltest::backing::Install(); }
-  void TearDown() override { EXPECT_TRUE(zeltest::AllocatorIsEmpty()); }
+  void TearDown() override { EXPECT_TRUE(zeltest::NoBlockIsInUse()); }
 };
 
 // Few keys make long runs of equal ones; many make the tree deep. It grows and empties in turns.
