@@ -119,8 +119,9 @@ void CommandHandlerInternals::Forget(CollectorCommandHandler& handler) {
 
 // Lock file, semaphores, segment, in this order. What was made until a failure is the handler's.
 bool CommandHandlerInternals::Create(CollectorCommandHandler& handler) {
-  handler.semaphores_ = semget(ftok(handler.lockFilePath_, ZEL_COMMAND_KEY_PROJECT), kSemaphores,
-                               IPC_CREAT | kSetMode);
+  const key_t key = ftok(handler.lockFilePath_, ZEL_COMMAND_KEY_PROJECT);
+  if (key == -1) return false;
+  handler.semaphores_ = semget(key, kSemaphores, IPC_CREAT | kSetMode);
   if (handler.semaphores_ == kNone) return false;
   // Held while the segment is set up.
   if (!SetSemaphore(handler.semaphores_, ZEL_COMMAND_LOCK, 0)) return false;
