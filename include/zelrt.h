@@ -31,6 +31,8 @@
 #include "zelrt/xml.h"
 
 #ifdef __cplusplus
+#include "zelrt/command_channels.hpp"
+#include "zelrt/command_controller.hpp"
 #include "zelrt/command_handler.hpp"
 #include "zelrt/log.hpp"
 #include "zelrt/numbers.hpp"
