@@ -1,4 +1,4 @@
-# Install rules: headers, library, CMake package, pkg-config file, man pages.
+# Install rules: headers, library, CMake package, pkg-config file.
 
 include(CMakePackageConfigHelpers)
 
@@ -25,12 +25,3 @@ cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX
 set(pc_prefix "\${pcfiledir}/${pc_to_prefix}")
 configure_file(${CMAKE_CURRENT_LIST_DIR}/zelrt.pc.in ${PROJECT_BINARY_DIR}/zelrt.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/zelrt.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
-
-# A man page goes with the component that its program's name begins with: heapscope, heapscope-report.
-file(GLOB man_pages CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/man/*.1)
-foreach(page IN LISTS man_pages)
-  cmake_path(GET page STEM program)
-  string(REGEX MATCH "^[^-]+" component ${program})
-  install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
-    COMPONENT ${component} EXCLUDE_FROM_ALL)
-endforeach()
