@@ -2,10 +2,9 @@
 
 #include "examples/heapscope/call_path.h"
 
-#include <unwind.h>
-
 #include <algorithm>
 
+#include "examples/heapscope/unwinding.h"
 #include "zelrt/call_stacks.h"
 #include "zelrt/modules.h"
 
@@ -14,29 +13,6 @@ namespace {
 
 constinit StackMode g_mode = StackMode::kCaller;
 constinit uint32_t g_depth = 1;
-
-// Unwinding ---------------------------------------------------------------------------------------
-
-struct Unwinding {
-  CallPath* path;
-  uintptr_t first;  // what is called before it, is the collector's
-  uint32_t depth;
-};
-
-_Unwind_Reason_Code AddFrame(_Unwind_Context* context, void* argument) {
-  auto* const unwinding = static_cast<Unwinding*>(argument);
-  const uintptr_t address = _Unwind_GetIP(context);
-  CallPath& path = *unwinding->path;
-  if (path.count == 0 && address != unwinding->first) return _URC_NO_REASON;
-  if (address == 0) return _URC_END_OF_STACK;
-  path.frames[path.count++] = address;
-  return path.count < unwinding->depth ? _URC_NO_REASON : _URC_END_OF_STACK;
-}
-
-void Unwind(const Caller& caller, CallPath* path) {
-  Unwinding unwinding = {path, reinterpret_cast<uintptr_t>(caller.returnAddress), g_depth};
-  _Unwind_Backtrace(AddFrame, &unwinding);
-}
 
 // Frame pointers ----------------------------------------------------------------------------------
 
@@ -82,13 +58,14 @@ void SetUpCallPaths(StackMode mode, uint32_t depth) {
   g_depth = std::clamp<uint32_t>(depth, 1, kMaxDepth);
   // The unwinder's first steps set things up, and may allocate.
   CallPath path = {};
-  if (mode == StackMode::kUnwind) Unwind({__builtin_return_address(0), nullptr}, &path);
+  if (mode == StackMode::kUnwind)
+    UnwindByRuntime({__builtin_return_address(0), nullptr}, g_depth, &path);
 }
 
 void CaptureCallPath(const Caller& caller, CallPath* path) {
   path->count = 0;
   if (g_mode == StackMode::kUnwind) {
-    Unwind(caller, path);
+    if (!UnwindByRules(caller, g_depth, path)) UnwindByRuntime(caller, g_depth, path);
   } else if (g_mode == StackMode::kFramePointer) {
     FollowFramePointers(caller, path);
   }

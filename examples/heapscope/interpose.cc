@@ -24,6 +24,7 @@
 
 #include "examples/heapscope/descriptors.h"
 #include "examples/heapscope/internal.h"
+#include "examples/heapscope/unwinding.h"
 
 namespace heapscope {
 
@@ -298,9 +299,13 @@ int open(const char* path, int flags, ...) {
 // Modules may go here.
 int dlclose(void* handle) noexcept {
   if (g_real.dlclose == nullptr && !Find("dlclose", &g_real.dlclose)) return -1;
+  ModulesMayGo going;
   const unsigned long long before = ModulesUnloaded();
   const int result = g_real.dlclose(handle);
-  if (ModulesUnloaded() != before) StartNewModuleEpoch();
+  if (ModulesUnloaded() != before) {
+    going.ForgetRules();
+    StartNewModuleEpoch();
+  }
   return result;
 }
 
