@@ -7,7 +7,7 @@
 namespace heapscope {
 namespace {
 
-// What the range table keeps for a block: a pointer's worth of bits, never 0.
+// What the table keeps for a block: a pointer's worth of bits, never 0.
 //	site << 44 | size
 constexpr uint32_t kSizeBits = 44;
 constexpr size_t kLargestSize = (size_t{1} << kSizeBits) - 1;
@@ -23,30 +23,25 @@ bool Unpack(const void* packed, LiveBlock* block) {
   return packed != nullptr;
 }
 
-// A granule of the program's addresses is a block of 4 KiB in the table: it is stored in one piece,
-// and hashes better than small ones do.
-constexpr uint32_t kTableBits = 12;
-
-struct Range {
-  explicit Range(uintptr_t address)
-      : start(address / LiveBlocks::kGranule << kTableBits),
-        end(start + (uint64_t{1} << kTableBits)) {}
-  const uint64_t start;
-  const uint64_t end;
-};
 bool IsGranule(uintptr_t address) { return address % LiveBlocks::kGranule == 0; }
+
+// All bits of an address have a part in the low bits of its hash, which select the bucket.
+uint64_t HashOfAddress(const ZelHashTable*, uint64_t address) {
+  constexpr uint64_t kOddConstant = 0x9E3779B97F4A7C15;
+  return address * kOddConstant >> 32;
+}
+constexpr ZelHashFunction kHashOfAddress[] = {HashOfAddress};
 
 }  // namespace
 
 bool LiveBlocks::Insert(uintptr_t address, LiveBlock block) {
   if (IsMemoryShort() || count_ == kMaxBlocks || !IsGranule(address)) return false;
-  const Range range(address);
   const MemoryPurpose purpose(OwnMemory::kLiveBlocks);
   if (table_ == nullptr) {
-    table_ = __ZelCreateRangeTable(range.end - range.start, CategoryOf(OwnMemory::kLiveBlocks), 0,
-                                   0, nullptr);
+    table_ = __ZelCreateHashTable(ZEL_HASH_FLAG_NO_LOCKING, kHashOfAddress, 1, nullptr, nullptr,
+                                  CategoryOf(OwnMemory::kLiveBlocks), 0);
   }
-  __ZelInsertRangeTableEntry(table_, range.start, range.end, Pack(block));
+  __ZelInsertHashTableEntry(table_, address, Pack(block));
   if (block.size >= kLarge) [[unlikely]] {
     if (large_ == nullptr) {
       large_ =
@@ -59,9 +54,7 @@ bool LiveBlocks::Insert(uintptr_t address, LiveBlock block) {
 }
 
 bool LiveBlocks::Remove(uintptr_t address, LiveBlock* block) {
-  if (!Find(address, block)) return false;
-  const Range range(address);
-  __ZelRemoveRangeTableEntry(table_, range.start, range.end);
+  if (table_ == nullptr || !Unpack(__ZelRemoveHashTableEntry(table_, address), block)) return false;
   if (block->size >= kLarge) [[unlikely]]
     __ZelRemoveRedBlackEntry(__ZelGetRedBlackRangeEnd(large_, address));
   --count_;
@@ -69,8 +62,7 @@ bool LiveBlocks::Remove(uintptr_t address, LiveBlock* block) {
 }
 
 bool LiveBlocks::Find(uintptr_t address, LiveBlock* block) const {
-  return table_ != nullptr && IsGranule(address) &&
-         Unpack(__ZelLookupRangeTable(table_, Range(address).start, nullptr, nullptr), block);
+  return table_ != nullptr && Unpack(__ZelLookupHashTable(table_, address), block);
 }
 
 bool LiveBlocks::FindLargeBefore(uintptr_t* address, LiveBlock* block) const {

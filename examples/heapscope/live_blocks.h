@@ -1,8 +1,7 @@
 // The live blocks of the program: by address, their size and the site that they come from.
 //
-// Range tables of the library, one for each shard. A block stands in its table by its start alone:
-// ranges of one table must not overlap, and a block whose free nobody saw may lie anywhere under a
-// new one.
+// Hash tables of the library, one for each shard. A block stands in its table by its start alone: a
+// block whose free nobody saw may lie anywhere under a new one.
 //
 // Not synchronised: the caller holds the lock of the shard.
 #pragma once
@@ -10,7 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "zelrt/range_table.h"
+#include "zelrt/hash_table.h"
 #include "zelrt/red_black_tree.h"
 
 namespace heapscope {
@@ -39,7 +38,7 @@ class LiveBlocks {
   bool FindLargeBefore(uintptr_t* address, LiveBlock* block) const;
 
  private:
-  ZelRangeTable* table_ = nullptr;    // made for the first block
+  ZelHashTable* table_ = nullptr;     // made for the first block
   ZelRedBlackTree* large_ = nullptr;  // starts of the large blocks, to find one from within
   uint32_t count_ = 0;
 };
