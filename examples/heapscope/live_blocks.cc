@@ -25,10 +25,13 @@ bool Unpack(const void* packed, LiveBlock* block) {
 
 bool IsGranule(uintptr_t address) { return address % LiveBlocks::kGranule == 0; }
 
-// All bits of an address have a part in the low bits of its hash, which select the bucket.
+// Blocks that lie together are used together: they should share cache lines of the buckets. So the
+// order of the addresses is kept in the small, while whatever size all blocks have, some bits that
+// differ come to the low ones, which select the bucket.
 uint64_t HashOfAddress(const ZelHashTable*, uint64_t address) {
-  constexpr uint64_t kOddConstant = 0x9E3779B97F4A7C15;
-  return address * kOddConstant >> 32;
+  constexpr uint32_t kUsualAlignment = 16;
+  const uint64_t number = address / kUsualAlignment;
+  return number ^ number >> 6 ^ number >> 12;
 }
 constexpr ZelHashFunction kHashOfAddress[] = {HashOfAddress};
 
