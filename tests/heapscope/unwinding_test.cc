@@ -307,6 +307,10 @@ TEST(UnwindRulesTest, EachInstruction) {
       {{0x90, 2}, kUnusual},  // the return address lies elsewhere
       {{0x87, 2}, kUnusual},  // the stack pointer is loaded
       {{0x3F}, kUnusual},
+      {{0x07}, kUnusual},  // cut off
+      {{0x2E, 0x80}, kUnusual},
+      {{0x0F, 9, 0x76, 0x78, 0x06, 0x10, 6, 2, 0x76, 0}, kUnusual},
+      {{0x2E, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0}, kUnusual},
   };
   for (const auto& row : rows) {
     EXPECT_EQ(row.rule, Table(row.instructions).At(2)) << testing::PrintToString(row.instructions);
