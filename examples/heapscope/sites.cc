@@ -44,11 +44,16 @@ constexpr uint64_t Mix(uint64_t hash, uint64_t value) {
   return hash ^ hash >> 29;
 }
 
-// Two paths with one hash would be one site: of 64 mixed bits, that is not to be expected.
+// Two paths with one hash would be one site: of 64 mixed bits, that is not to be expected. Each
+// frame waits for the hash of those before it, so it gets one multiplication, and the end is mixed
+// well.
 uint64_t HashOf(const CallPath& path) {
   uint64_t hash = Mix(0x243F6A8885A308D3, ModuleEpoch());
-  for (uint32_t i = 0; i < path.count; ++i) hash = Mix(hash, path.frames[i]);
-  return hash;
+  for (uint32_t i = 0; i < path.count; ++i) {
+    hash = (hash ^ path.frames[i]) * 0x9E3779B97F4A7C15;
+    hash ^= hash >> 32;
+  }
+  return Mix(hash, path.count);
 }
 
 uint64_t OwnHash(const ZelHashTable*, uint64_t hash) { return hash; }
