@@ -12,11 +12,11 @@ namespace heapscope::report {
 
 // What a frame is called; frames that would be called the same are one.
 struct NamedFrame {
-  std::string function;  // empty when it is not known
-  std::string file;      // of the source; empty when it is not known
+  std::string function = {};  // empty when it is not known
+  std::string file = {};      // of the source; empty when it is not known
   uint32_t line = 0;
-  std::string module;   // path; empty for code that is in no file
-  uint64_t offset = 0;  // in the module; 0 when the function is known
+  std::string module = {};  // path; empty for code that is in no file
+  uint64_t offset = 0;      // in the module; 0 when the function is known
   bool isAllocator = false;
 
   bool operator==(const NamedFrame&) const = default;

@@ -69,6 +69,7 @@ std::string Totals(const Flow& before, const Flow& after) {
   for (const Metric& metric : kMetrics) {
     const uint64_t a = metric.of(before);
     const uint64_t b = metric.of(after);
+    if (a == 0 && b == 0) continue;
     text += line(metric.title, FigureText(metric, a), FigureText(metric, b),
                  DifferenceText(metric, Difference(a, b)), GroupedDifference(Difference(a, b)));
   }
@@ -81,7 +82,7 @@ std::string Table(std::string_view title, const std::vector<const PathChange*>& 
   int64_t sum = 0;
   for (const PathChange* change : changes) sum += ChangeOf(*change, metric);
   std::string text = "\n" + TitleLine(options.style, title,
-                                      Grouped(changes.size()) + " call paths, together " +
+                                      Counted(changes.size(), "call path") + ", together " +
                                           DifferenceText(metric, sum));
   FrameLines lines(options);
   for (size_t i = 0; i < shown; ++i) lines.Measure(*changes[i]->frames, changes[i]->path);

@@ -1,10 +1,14 @@
 // heapscope-report: shows what is in result files of heapscope.
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <span>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "examples/heapscope/report/call_paths.h"
@@ -33,46 +37,62 @@ struct Options {
   TableOptions tables;
 };
 
+constexpr std::pair<std::string_view, Merge> kMerges[] = {{"path", Merge::kPath},
+                                                          {"line", Merge::kLine},
+                                                          {"function", Merge::kFunction},
+                                                          {"module", Merge::kModule}};
+
+std::vector<std::string> NamesOf(std::span<const Metric> metrics) {
+  std::vector<std::string> names;
+  for (const Metric& metric : metrics) names.emplace_back(metric.name);
+  return names;
+}
+
+std::vector<std::string> NamesOf(std::span<const std::pair<std::string_view, Merge>> merges) {
+  std::vector<std::string> names;
+  for (const auto& [name, merge] : merges) names.emplace_back(name);
+  return names;
+}
+
 void Describe(CLI::App* app, Options* options) {
-  CLI::Option* const file = app->add_option("FILE", options->file, "A result file of heapscope");
+  app->add_option("FILE", options->file, "A result file of heapscope")->option_text(" ");
+  app->add_option("--html", options->page, "Write a page for a browser to this file")
+      ->option_text("OUT");
+  app->add_option("--collapsed", options->collapsed,
+                  "Write collapsed stacks for other viewers; - for standard output")
+      ->option_text("OUT");
   CLI::Option* const diff =
       app->add_option("--diff", options->diff, "Say what changed from one result file to another")
           ->expected(2)
-          ->type_name("OLD NEW");
-  app->add_option("--html", options->page, "Write a page for a browser")
-      ->type_name("OUT")
-      ->excludes(diff);
-  app->add_option("--collapsed", options->collapsed,
-                  "Write collapsed stacks for other viewers, \"-\" to standard output")
-      ->type_name("OUT")
-      ->excludes(diff);
-  std::vector<std::string> metrics;
-  for (const Metric& metric : kMetrics) metrics.emplace_back(metric.name);
-  app->add_option("--metric", options->metric, "Figures of --collapsed and of --diff")
-      ->check(CLI::IsMember(metrics))
-      ->capture_default_str();
-  app->add_option("--top", options->tables.top, "Call paths of each table")
+          ->option_text("OLD NEW");
+  for (const char* other : {"FILE", "--html", "--collapsed"})
+    diff->excludes(app->get_option(other));
+
+  app->add_option("--metric", options->metric,
+                  "Of --collapsed and --diff: bytes (the default), calls, live, peak or temporary")
+      ->check(CLI::IsMember(NamesOf(kMetrics)))
+      ->option_text("METRIC");
+  app->add_option_function<std::string>(
+         "--merge",
+         [options](const std::string& name) {
+           options->tables.merge =
+               std::ranges::find(kMerges, name, &std::pair<std::string_view, Merge>::first)->second;
+         },
+         "Tables by whole path (the default), or by the line, function or module of the innermost "
+         "frame")
+      ->check(CLI::IsMember(NamesOf(kMerges)))
+      ->option_text("HOW");
+  app->add_option("--top", options->tables.top, "Call paths of each table: 10")
       ->check(CLI::Range(size_t{1}, kMaxPrinted))
-      ->capture_default_str();
-  app->add_option("--depth", options->tables.depth, "Frames printed of a call path")
+      ->option_text("N");
+  app->add_option("--depth", options->tables.depth, "Frames printed of a call path: 12")
       ->check(CLI::Range(size_t{1}, kMaxPrinted))
-      ->capture_default_str();
-  app->add_option("--merge", options->tables.merge,
-                  "Which call paths are one: those of the same frames, or of the same innermost "
-                  "line, function or module")
-      ->transform(CLI::CheckedTransformer(
-          std::vector<std::pair<std::string, Merge>>{{"path", Merge::kPath},
-                                                     {"line", Merge::kLine},
-                                                     {"function", Merge::kFunction},
-                                                     {"module", Merge::kModule}}))
-      ->type_name("path|line|function|module")
-      ->option_text("path|line|function|module [path]")
-      ->excludes(diff);
+      ->option_text("N");
   app->add_option("--debug-dir", options->debugDirs,
-                  "A directory with separate debug files under .build-id; may be given again")
-      ->expected(1)
-      ->type_name("DIR");
-  file->excludes(diff);
+                  "Where separate debug files are, under .build-id; may be given again")
+      ->check(CLI::ExistingDirectory)
+      ->allow_extra_args(false)
+      ->option_text("DIR");
   app->set_version_flag("--version", "heapscope-report " HEAPSCOPE_VERSION);
 }
 

@@ -13,9 +13,10 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <map>
 #include <memory>
 #include <optional>
+#include <string_view>
+#include <utility>
 
 #include "examples/heapscope/report/text.h"
 
@@ -54,12 +55,25 @@ std::string WithoutRustHash(std::string name) {
   return name;
 }
 
+// The library's own names for std::string and what has an inline namespace.
+std::string WithPlainNames(std::string name) {
+  constexpr std::pair<std::string_view, std::string_view> kPlain[] = {
+      {"std::__cxx11::", "std::"},
+      {"std::basic_string<char, std::char_traits<char>, std::allocator<char> >", "std::string"},
+      {"std::basic_string_view<char, std::char_traits<char> >", "std::string_view"}};
+  for (const auto& [from, to] : kPlain) {
+    for (size_t at = 0; (at = name.find(from, at)) != std::string::npos; at += to.size())
+      name.replace(at, from.size(), to);
+  }
+  return name;
+}
+
 std::string Demangled(const char* name) {
   if (std::strncmp(name, "_Z", 2) != 0) return CleanText(name);
   int status = 0;
   const std::unique_ptr<char, void (*)(void*)> text(
       abi::__cxa_demangle(name, nullptr, nullptr, &status), std::free);
-  return status == 0 ? WithoutRustHash(CleanText(text.get())) : CleanText(name);
+  return status == 0 ? WithPlainNames(WithoutRustHash(CleanText(text.get()))) : CleanText(name);
 }
 
 std::string FunctionName(Dwarf_Die* die) {

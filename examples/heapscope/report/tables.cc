@@ -98,17 +98,22 @@ std::string FigureOf(const Metric& metric, uint64_t figure) {
   return metric.isBytes ? HumanBytes(figure) : Grouped(figure);
 }
 
+// "  12 blocks", with the number at the right end of its column.
+std::string Column(uint64_t count, size_t width, std::string_view one) {
+  return PadLeft(Grouped(count), width) + " " + std::string(one) + (count == 1 ? "" : "s");
+}
+
+// The figure of the table, then the other one of blocks and bytes.
 std::string RowFigures(const Metric& metric, const CallPath& path, const Flow& totals) {
-  const uint64_t figure = metric.of(path.flow);
-  std::string text =
-      PadLeft(FigureOf(metric, figure), 12) + PadLeft(Share(figure, metric.of(totals)), 8) + "  ";
-  if (metric.isBytes) text += PadLeft(Grouped(figure), 17) + " bytes";
-  if (std::string_view(metric.name) == "live")
-    return text + PadLeft(Grouped(path.flow.live.blocks), 13) + " blocks";
-  if (metric.isBytes) return text + PadLeft(Grouped(path.flow.allocated.blocks), 13) + " calls";
-  const uint64_t bytes = std::string_view(metric.name) == "temporary" ? path.flow.temporary.bytes
-                                                                      : path.flow.allocated.bytes;
-  return text + PadLeft(Grouped(bytes), 17) + " bytes";
+  const Flow& flow = path.flow;
+  const uint64_t figure = metric.of(flow);
+  const std::string text =
+      PadLeft(FigureOf(metric, figure), 12) + PadLeft(Share(figure, metric.of(totals)), 8);
+  if (metric.name == "temporary") return text + Column(flow.temporary.bytes, 19, "byte");
+  if (metric.name == "calls") return text + Column(flow.allocated.bytes, 19, "byte");
+  const std::string exact = PadRight(Column(figure, 19, "byte"), 25);
+  if (metric.name == "live") return text + exact + Column(flow.live.blocks, 13, "block");
+  return text + exact + Column(flow.allocated.blocks, 13, "call");
 }
 
 std::string Table(const NamedResult& named, const std::vector<CallPath>& merged,
@@ -116,10 +121,9 @@ std::string Table(const NamedResult& named, const std::vector<CallPath>& merged,
   const std::vector<const CallPath*> ranked = Ranked(merged, metric);
   const size_t shown = std::min(options.top, ranked.size());
   const uint64_t total = metric.of(named.result.totals);
-  std::string remark =
-      FigureOf(metric, total) + " in all, " + Grouped(ranked.size()) + " call paths";
-  if (std::string_view(metric.name) == "peak") remark += "; each at its own peak";
-  const bool ended = named.result.written == "end" || std::string_view(metric.name) != "live";
+  std::string remark = FigureOf(metric, total) + " in all, " + Counted(ranked.size(), "call path");
+  if (metric.name == "peak") remark += "; each at its own peak";
+  const bool ended = named.result.written == "end" || metric.name != "live";
   std::string text = "\n" + TitleLine(options.style, ended ? metric.title : "Live", remark);
   FrameLines lines(options);
   for (size_t i = 0; i < shown; ++i) lines.Measure(named.frames, ranked[i]->frames);

@@ -59,6 +59,10 @@ std::string Grouped(uint64_t value) {
 
 std::string GroupedDifference(int64_t value) { return SignOf(value) + Grouped(Magnitude(value)); }
 
+std::string Counted(uint64_t count, std::string_view one) {
+  return Grouped(count) + " " + std::string(one) + (count == 1 ? "" : "s");
+}
+
 std::string HumanBytes(uint64_t bytes) {
   constexpr const char* kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
   if (bytes < 1024) return std::to_string(bytes) + " B";

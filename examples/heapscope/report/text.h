@@ -8,9 +8,10 @@
 
 namespace heapscope::report {
 
-std::string Grouped(uint64_t value);           // 1234567 as "1,234,567"
-std::string GroupedDifference(int64_t value);  // with a sign, unless 0
-std::string HumanBytes(uint64_t bytes);        // "1.25 MiB"
+std::string Grouped(uint64_t value);                        // 1234567 as "1,234,567"
+std::string GroupedDifference(int64_t value);               // with a sign, unless 0
+std::string Counted(uint64_t count, std::string_view one);  // "1 call", "2 calls"
+std::string HumanBytes(uint64_t bytes);                     // "1.25 MiB"
 std::string HumanDifference(int64_t bytes);
 std::string HumanDuration(uint64_t ms);            // "1 h 2 min", "12.3 s", "45 ms"
 std::string Share(uint64_t part, uint64_t whole);  // "12.3%", or nothing of nothing

@@ -437,7 +437,7 @@
   // Call paths -------------------------------------------------------------------------------------
 
   function showPaths() {
-    const kPage = 50;
+    const kPage = 20;
     const kCallers = 3;  // shown in the row, before it is opened
     const body = byId("sites").tBodies[0];
     let sorted = metricNamed(state.get("sort")) || kMetrics[0];
@@ -502,6 +502,7 @@
         const value = metric.of(path.flow);
         const cell = element("td", { class: "number", textContent: figure(metric, value), title: count(value) });
         cell.dataset.value = value;
+        if (value === 0) cell.classList.add("none");
         if (metric === sorted) {
           cell.classList.add("sorted");
           cell.style.setProperty("--share", `${Math.min(100, (100 * value) / Math.max(metric.of(data.totals), 1))}%`);
@@ -525,7 +526,7 @@
         chosen.length === paths.length ? plural(paths.length, "call path") : `${count(chosen.length)} of ${count(paths.length)} call paths`;
     }
 
-    byId("sites-more").addEventListener("click", () => { shown += 4 * kPage; draw(); });
+    byId("sites-more").addEventListener("click", () => { shown += 5 * kPage; draw(); });
     byId("sites-filter").addEventListener("input", (event) => {
       pattern = event.target.value.trim();
       shown = kPage;

@@ -1,0 +1,23 @@
+// Allocates in a function that is inlined. The tests know the lines that are marked, and that of main.
+
+#include <cstdlib>
+
+namespace {
+
+void* g_blocks[100];
+
+[[gnu::always_inline]] inline void* MakeBlock() {
+  return std::malloc(1234);  // line 10
+}
+
+}  // namespace
+
+namespace subject {
+
+[[gnu::noinline]] void Fill(int count) {
+  for (int i = 0; i < count; ++i) g_blocks[i] = MakeBlock();  // line 18
+}
+
+}  // namespace subject
+
+int main(int argc, char**) { subject::Fill(99 + argc); }
