@@ -77,12 +77,14 @@ std::string Demangled(const char* name) {
 }
 
 std::string FunctionName(Dwarf_Die* die) {
+  const char* const plain = dwarf_diename(die);
   for (const unsigned name : {DW_AT_linkage_name, DW_AT_MIPS_linkage_name}) {
     Dwarf_Attribute attribute;
     const char* const linkage = dwarf_formstring(dwarf_attr_integrate(die, name, &attribute));
-    if (linkage != nullptr) return Demangled(linkage);
+    // Rust's own mangling is beyond the demangler; the plain name says more.
+    if (linkage != nullptr && (std::strncmp(linkage, "_R", 2) != 0 || plain == nullptr))
+      return Demangled(linkage);
   }
-  const char* const plain = dwarf_diename(die);
   return plain != nullptr ? CleanText(plain) : "";
 }
 
