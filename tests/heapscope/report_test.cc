@@ -85,6 +85,13 @@ class ReportTest : public testing::Test {
     return RunCommand({.arguments = arguments});
   }
 
+  // One path allocates 2,000 bytes less, another 2,048 more.
+  void WriteOldAndNew() {
+    Write(directory_.File("old.xml"), kResult);
+    const std::string less = Replaced(kResult, R"("3" bytes="3000")", R"("3" bytes="1000")");
+    Write(directory_.File("new.xml"), Replaced(less, R"("2" bytes="24")", R"("2" bytes="2072")"));
+  }
+
   const TemporaryDirectory directory_;
 };
 
@@ -167,9 +174,7 @@ TEST_F(ReportTest, PathsOfARebuiltModuleAreFoundAgain) {
 }
 
 TEST_F(ReportTest, DiffSaysWhatGrewAndShrank) {
-  Write(directory_.File("old.xml"), kResult);
-  std::string text = Replaced(kResult, R"("3" bytes="3000")", R"("3" bytes="1000")");
-  Write(directory_.File("new.xml"), Replaced(text, R"("2" bytes="24")", R"("2" bytes="2072")"));
+  WriteOldAndNew();
   const Outcome outcome =
       Report({"--diff", directory_.File("old.xml"), directory_.File("new.xml")});
   EXPECT_EQ(0, ExitStatus(outcome));
@@ -366,29 +371,39 @@ note("found", document.getElementById("flame-readout").textContent);
 note("line", document.querySelector("#timeline .line").getAttribute("d").split("L").length);
 note("injected", document.querySelectorAll("b").length);
 note("external", performance.getEntriesByType("resource").length);
-</script></body>)script";
+</script>)script";
 
-TEST_F(ReportTest, APageDrawsTheFiguresOfTheFile) {
-  if (ExitStatus(RunCommand({.arguments = {"chromium", "--version"}})) != 0)
-    GTEST_SKIP() << "chromium is not installed: the page was not opened";
+class PageTest : public ReportTest {
+ protected:
+  void SetUp() override {
+    if (ExitStatus(RunCommand({.arguments = {"chromium", "--version"}})) != 0)
+      GTEST_SKIP() << "chromium is not installed: the page was not opened";
+  }
+
+  // The document that becomes of a page with a script at its end.
+  std::string Open(std::vector<std::string> arguments, const std::string& script) {
+    const std::string file = directory_.File("page.html");
+    arguments.insert(arguments.end(), {"--html", file});
+    EXPECT_EQ(0, ExitStatus(Report(arguments)));
+    const std::string page = Contents(file);
+    EXPECT_FALSE(Has(page, "http:") || Has(page, "https:")) << "names a network address";
+    Write(file, Replaced(page, "</body>", script + "</body>"));
+    const Outcome browser = RunCommand(
+        {.arguments = {"chromium", "--headless", "--no-sandbox", "--disable-gpu",
+                       "--user-data-dir=" + directory_.File("browser"), "--window-size=1440,900",
+                       "--enable-logging=stderr", "--dump-dom", "file://" + file},
+         .variables = {"HOME=" + directory_.File("")},
+         .timeoutSeconds = 120});
+    EXPECT_EQ(0, ExitStatus(browser)) << browser.errors;
+    EXPECT_FALSE(Has(browser.errors, "CONSOLE")) << browser.errors;
+    return browser.output;
+  }
+};
+
+TEST_F(PageTest, DrawsTheFiguresOfTheFile) {
   Write(directory_.File("result.xml"),
         Replaced(kResult, "<argument>a b", "<argument>&lt;b&gt;bold&lt;/b&gt;"));
-  ASSERT_EQ(
-      0,
-      ExitStatus(Report({directory_.File("result.xml"), "--html", directory_.File("page.html")})));
-  const std::string page = Contents(directory_.File("page.html"));
-  EXPECT_FALSE(Has(page, "http:") || Has(page, "https:")) << "names a network address";
-  Write(directory_.File("page.html"), Replaced(page, "</body>", kUsePage));
-  const Outcome browser =
-      RunCommand({.arguments = {"chromium", "--headless", "--no-sandbox", "--disable-gpu",
-                                "--user-data-dir=" + directory_.File("browser"),
-                                "--window-size=1440,900", "--enable-logging=stderr", "--dump-dom",
-                                "file://" + directory_.File("page.html")},
-                  .variables = {"HOME=" + directory_.File("")},
-                  .timeoutSeconds = 120});
-  ASSERT_EQ(0, ExitStatus(browser)) << browser.errors;
-  EXPECT_FALSE(Has(browser.errors, "CONSOLE")) << browser.errors;
-  const std::string& document = browser.output;
+  const std::string document = Open({directory_.File("result.xml")}, kUsePage);
   for (const char* const part :
        {R"(data-drawn="yes")", R"(id="total-bytes" class="large" value="4074")",
         R"(id="total-peak" class="large" value="2600")",
@@ -403,6 +418,22 @@ TEST_F(ReportTest, APageDrawsTheFiguresOfTheFile) {
         R"(data-zoomed="1")", R"(data-found="Matching functions have 1.95 KiB, 96.4% of all.")",
         R"(data-line="2")", R"(data-injected="0")", R"(data-external="0")", "frees not seen: 2",
         "killed, or is still running"})
+    EXPECT_TRUE(Has(document, part)) << part;
+}
+
+TEST_F(PageTest, DrawsChanges) {
+  WriteOldAndNew();
+  const std::string document =
+      Open({"--diff", directory_.File("old.xml"), directory_.File("new.xml")}, R"(<script>
+        document.body.dataset.changes = [...document.querySelectorAll("#sites tr.path")]
+            .map((row) => row.cells[1].textContent).join(" | ");
+        document.body.dataset.flame = document.querySelectorAll("#flame button")[1].title;
+      </script>)");
+  for (const char* const part :
+       {"data-changes=\"+2.00 KiB | 0 B | 0 B | \xE2\x88\x92"
+        "1.95 KiB\"",
+        "data-flame=\"program+0x20: 1.95 KiB, 48.5%, changed by \xE2\x88\x92"
+        "1.95 KiB\""})
     EXPECT_TRUE(Has(document, part)) << part;
 }
 

@@ -65,8 +65,7 @@ void Describe(CLI::App* app, Options* options) {
       app->add_option("--diff", options->diff, "Say what changed from one result file to another")
           ->expected(2)
           ->option_text("OLD NEW");
-  for (const char* other : {"FILE", "--html", "--collapsed"})
-    diff->excludes(app->get_option(other));
+  for (const char* other : {"FILE", "--collapsed"}) diff->excludes(app->get_option(other));
 
   app->add_option("--metric", options->metric,
                   "Of --collapsed and --diff: bytes (the default), calls, live, peak or temporary")
@@ -124,7 +123,8 @@ void Run(const Options& options) {
   if (!options.diff.empty()) {
     const NamedResult before = Load(options.diff[0], options);
     const NamedResult after = Load(options.diff[1], options);
-    WriteOut("", DiffText(before, after, metric, options.tables));
+    WriteOut(options.page, options.page.empty() ? DiffText(before, after, metric, options.tables)
+                                                : DiffPage(before, after));
     return;
   }
   const NamedResult named = Load(options.file, options);

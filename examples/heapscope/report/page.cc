@@ -3,11 +3,11 @@
 #include "examples/heapscope/report/page.h"
 
 #include <algorithm>
-#include <map>
 #include <nlohmann/json.hpp>
 #include <string_view>
 #include <unordered_map>
 
+#include "examples/heapscope/report/diff.h"
 #include "examples/heapscope/report/page_template.h"
 
 namespace heapscope::report {
@@ -72,73 +72,96 @@ class CallTree {
   std::vector<int64_t> frames_ = {-1};
 };
 
-// The largest paths by any of the figures, and what the others come to.
-struct Selection {
-  std::vector<const CallPath*> paths;
-  CallPath others;
+struct PagePath {
+  std::vector<uint32_t> frames;
+  Flow flow;
+  Flow before;  // of the result that is compared with, if there is one
 };
 
-Selection Select(const NamedResult& named) {
+// The largest paths by any of the figures, and what the others come to.
+struct Selection {
+  std::vector<const PagePath*> paths;
+  PagePath others;
+  size_t otherCount = 0;
+};
+
+Selection Select(const std::vector<PagePath>& paths, const Flow& totals) {
   Selection selection;
-  const auto largestShare = [&](const CallPath* path) {
+  const auto largestShare = [&](const PagePath* path) {
     double share = 0;
     for (const Metric& metric : kMetrics) {
-      const auto whole = static_cast<double>(std::max<uint64_t>(metric.of(named.result.totals), 1));
-      share = std::max(share, static_cast<double>(metric.of(path->flow)) / whole);
+      const auto whole = static_cast<double>(std::max<uint64_t>(metric.of(totals), 1));
+      const uint64_t figure = std::max(metric.of(path->flow), metric.of(path->before));
+      share = std::max(share, static_cast<double>(figure) / whole);
     }
     return share;
   };
-  std::vector<std::pair<double, const CallPath*>> shares;
-  for (const CallPath& path : named.paths) shares.emplace_back(largestShare(&path), &path);
+  std::vector<std::pair<double, const PagePath*>> shares;
+  for (const PagePath& path : paths) shares.emplace_back(largestShare(&path), &path);
   std::ranges::stable_sort(shares, std::greater(), [](const auto& each) { return each.first; });
-  for (size_t i = 0; i < shares.size(); ++i) {
-    if (i < kMaxPaths) {
-      selection.paths.push_back(shares[i].second);
+  for (const auto& [share, path] : shares) {
+    if (selection.paths.size() < kMaxPaths) {
+      selection.paths.push_back(path);
     } else {
-      selection.others.flow += shares[i].second->flow;
-      ++selection.others.sites;
+      selection.others.flow += path->flow;
+      selection.others.before += path->before;
+      ++selection.otherCount;
     }
   }
   return selection;
 }
 
 // Frames, tree and paths, with only the frames that are used.
-void AddPaths(const NamedResult& named, json* data) {
-  const Selection selection = Select(named);
-  Texts texts;
-  CallTree tree;
-  std::vector<uint32_t> numbers(named.frames.size(), UINT32_MAX);
-  json frames = json::array();
-  json paths = json::array();
-  const auto add = [&](const CallPath& path, size_t node) {
-    json row = ToJson(path.flow);
-    row.insert(row.begin(), node);
-    paths.push_back(std::move(row));
-  };
-  for (const CallPath* path : selection.paths) {
+class PathsWriter {
+ public:
+  PathsWriter(const std::vector<NamedFrame>& frames, bool withBefore)
+      : frames_(frames), withBefore_(withBefore), numbers_(frames.size(), kUnused) {}
+
+  void Add(const PagePath& path) {
     std::vector<uint32_t> used;
-    for (const uint32_t frame : path->frames) {
-      if (numbers[frame] == UINT32_MAX) {
-        numbers[frame] = static_cast<uint32_t>(frames.size());
-        const NamedFrame& named_frame = named.frames[frame];
-        frames.push_back({texts.NumberOf(FunctionText(named_frame)),
-                          texts.NumberOf(named_frame.file), named_frame.line,
-                          texts.NumberOf(named_frame.module)});
-      }
-      used.push_back(numbers[frame]);
+    for (const uint32_t frame : path.frames) {
+      if (numbers_[frame] == kUnused) numbers_[frame] = AddFrame(frames_[frame]);
+      used.push_back(numbers_[frame]);
     }
-    add(*path, tree.Add(used));
+    AddRow(path, tree_.Add(used));
   }
-  if (selection.others.sites != 0) {
-    const std::string name = std::to_string(selection.others.sites) + " smaller call paths";
-    frames.push_back({texts.NumberOf("(" + name + ")"), texts.NumberOf(""), 0, texts.NumberOf("")});
-    add(selection.others, tree.Add({static_cast<uint32_t>(frames.size() - 1)}));
+
+  void AddOthers(const PagePath& others, size_t count) {
+    NamedFrame frame;
+    frame.function = "(" + std::to_string(count) + " smaller call paths)";
+    AddRow(others, tree_.Add({AddFrame(frame)}));
   }
-  (*data)["texts"] = texts.Take();
-  (*data)["frames"] = std::move(frames);
-  (*data)["tree"] = {{"parents", tree.Parents()}, {"frames", tree.Frames()}};
-  (*data)["paths"] = std::move(paths);
-}
+
+  void TakeInto(json* data) {
+    (*data)["texts"] = texts_.Take();
+    (*data)["frames"] = std::move(jsonFrames_);
+    (*data)["tree"] = {{"parents", tree_.Parents()}, {"frames", tree_.Frames()}};
+    (*data)["paths"] = std::move(rows_);
+  }
+
+ private:
+  static constexpr uint32_t kUnused = UINT32_MAX;
+
+  uint32_t AddFrame(const NamedFrame& frame) {
+    jsonFrames_.push_back({texts_.NumberOf(FunctionText(frame)), texts_.NumberOf(frame.file),
+                           frame.line, texts_.NumberOf(frame.module)});
+    return static_cast<uint32_t>(jsonFrames_.size() - 1);
+  }
+
+  void AddRow(const PagePath& path, size_t node) {
+    json row = {node, ToJson(path.flow)};
+    if (withBefore_) row.push_back(ToJson(path.before));
+    rows_.push_back(std::move(row));
+  }
+
+  const std::vector<NamedFrame>& frames_;
+  const bool withBefore_;
+  std::vector<uint32_t> numbers_;  // in jsonFrames_
+  Texts texts_;
+  CallTree tree_;
+  json jsonFrames_ = json::array();
+  json rows_ = json::array();
+};
 
 json DataOf(const NamedResult& named) {
   const Result& result = named.result;
@@ -180,7 +203,6 @@ json DataOf(const NamedResult& named) {
                        thread.freed.blocks, thread.freed.bytes});
   }
   data["threads"] = std::move(threads);
-  AddPaths(named, &data);
   return data;
 }
 
@@ -198,13 +220,43 @@ std::string ForScriptElement(const std::string& text) {
   return safe;
 }
 
+std::string PageWith(json data, const std::vector<NamedFrame>& frames,
+                     const std::vector<PagePath>& paths, const Flow& totals) {
+  PathsWriter writer(frames, data.contains("before"));
+  const Selection selection = Select(paths, totals);
+  for (const PagePath* path : selection.paths) writer.Add(*path);
+  if (selection.otherCount != 0) writer.AddOthers(selection.others, selection.otherCount);
+  writer.TakeInto(&data);
+  const std::string text = data.dump(-1, ' ', false, json::error_handler_t::replace);
+  std::string page(kPageTemplate);
+  page.replace(page.find(kDataMark), kDataMark.size(), ForScriptElement(text));
+  return page;
+}
+
 }  // namespace
 
 std::string Page(const NamedResult& named) {
-  const std::string data = DataOf(named).dump(-1, ' ', false, json::error_handler_t::replace);
-  std::string page(kPageTemplate);
-  page.replace(page.find(kDataMark), kDataMark.size(), ForScriptElement(data));
-  return page;
+  std::vector<PagePath> paths;
+  for (const CallPath& path : named.paths) paths.push_back({path.frames, path.flow, {}});
+  return PageWith(DataOf(named), named.frames, paths, named.result.totals);
+}
+
+std::string DiffPage(const NamedResult& before, const NamedResult& after) {
+  // The frames of both, those of the old result behind those of the new.
+  std::vector<NamedFrame> frames = after.frames;
+  frames.insert(frames.end(), before.frames.begin(), before.frames.end());
+  std::vector<PagePath> paths;
+  for (PathChange& change : ComparePaths(before, after)) {
+    if (change.frames == &before.frames) {
+      for (uint32_t& frame : change.path) frame += static_cast<uint32_t>(after.frames.size());
+    }
+    paths.push_back({std::move(change.path), change.after, change.before});
+  }
+  json data = DataOf(after);
+  const Result& old = before.result;
+  data["before"] = {{"name", old.name}, {"id", old.processId}, {"totals", ToJson(old.totals)}};
+  data["knowsTemporary"] = old.KnowsTemporary() && after.result.KnowsTemporary();
+  return PageWith(std::move(data), frames, paths, after.result.totals);
 }
 
 }  // namespace heapscope::report

@@ -9,4 +9,7 @@ namespace heapscope::report {
 
 std::string Page(const NamedResult& named);
 
+// The page of the new result, with what changed since the old one.
+std::string DiffPage(const NamedResult& before, const NamedResult& after);
+
 }  // namespace heapscope::report

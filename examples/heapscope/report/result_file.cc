@@ -229,7 +229,7 @@ Result ReadResult(const std::string& path, const ProgressReport& progress) {
   if (!parsed) {
     // The byte of the error may be the last of a tag: the parser found nothing behind it.
     const auto end = static_cast<size_t>(std::max<ptrdiff_t>(parsed.offset, 0));
-    DropIncompleteElement(document, std::string_view(text).substr(0, end + 1));
+    DropIncompleteElement(document, {text.data(), std::min(end + 1, text.size())});
     result.damage.push_back("the file is broken at byte " + Grouped(end) + " of " +
                             Grouped(text.size()) + "; what was complete before it is used");
   }

@@ -77,7 +77,7 @@ std::string HumanDifference(int64_t bytes) { return SignOf(bytes) + HumanBytes(M
 
 std::string HumanDuration(uint64_t ms) {
   if (ms < 1000) return std::to_string(ms) + " ms";
-  if (ms < 60'000) return Printed("%.1f s", static_cast<double>(ms / 100) / 10);
+  if (ms < 60'000) return Printed("%.1f s", static_cast<double>(ms) / 1000);
   const uint64_t minutes = ms / 60'000;
   if (minutes < 60)
     return std::to_string(minutes) + " min " + std::to_string(ms / 1000 % 60) + " s";

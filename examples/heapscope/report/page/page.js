@@ -86,7 +86,13 @@
     for (; node !== 0; node = data.tree.parents[node]) path.push(frames[data.tree.frames[node]]);
     return path;
   }
-  const paths = data.paths.map(([node, ...flow]) => ({ node, flow, frames: framesOf(node) }));
+  const paths = data.paths.map(([node, flow, before]) => ({ node, flow, before, frames: framesOf(node) }));
+
+  // Compared with another result, what counts of a path is its change.
+  const isDiff = "before" in data;
+  const valueOf = (metric, path) => metric.of(path.flow) - (isDiff ? metric.of(path.before) : 0);
+  const signed = (value, text) => (value < 0 ? "−" : value > 0 ? "+" : "") + text(Math.abs(value));
+  const valueText = (metric, value) => (isDiff ? signed(value, (size) => figure(metric, size)) : figure(metric, value));
 
   // Header -----------------------------------------------------------------------------------------
 
@@ -102,6 +108,7 @@
       facts.push(["ran", duration(process.endedMs - process.startedMs)]);
       facts.push(["started", new Date(process.startedMs).toISOString().slice(0, 19).replace("T", " ") + " UTC"]);
     }
+    if (isDiff) facts.push(["compared with", `${data.before.name} ${data.before.id}`]);
     facts.push(["threads", count(data.threadsSeen)]);
     facts.push(["written", { end: "at the end", snapshot: "while it ran" }[data.written] || data.written]);
     for (const [name, value] of facts)
@@ -124,20 +131,23 @@
 
   function showFigures() {
     const flow = data.totals;
-    const add = (id, title, value, exactly) => {
+    const add = (id, title, value, exactly, old) => {
       const large = element("data", { id: `total-${id}`, class: "large", value, textContent: bytes(value) });
       byId("figures").append(element("div", {}, element("dt", { textContent: title }),
         element("dd", {}, large, element("div", { class: "exact", textContent: exactly }))));
+      if (isDiff && old !== undefined)
+        large.after(element("span", { class: value > old ? "change grown" : "change", textContent: value === old ? "unchanged" : signed(value - old, bytes) }));
     };
+    const old = isDiff ? data.before.totals : [];
     const exact = (value, blocks) => `${count(value)} bytes · ${plural(blocks, "block")}`;
     if (data.process.forkedFrom) add("inherited", "Inherited", data.inherited[1], exact(data.inherited[1], data.inherited[0]));
-    add("bytes", "Allocated", flow[1], `${count(flow[1])} bytes · ${plural(flow[0], "call")}`);
-    add("peak", "Live at the peak", flow[6], `${count(flow[6])} bytes`);
-    add("live", data.written === "end" ? "Live at the end" : "Live when written", flow[5], exact(flow[5], flow[4]));
+    add("bytes", "Allocated", flow[1], `${count(flow[1])} bytes · ${plural(flow[0], "call")}`, old[1]);
+    add("peak", "Live at the peak", flow[6], `${count(flow[6])} bytes`, old[6]);
+    add("live", data.written === "end" ? "Live at the end" : "Live when written", flow[5], exact(flow[5], flow[4]), old[5]);
     if (data.knowsTemporary)
       add("temporary", "Temporary, of the freed", flow[8],
-        `${plural(flow[7], "block")}, ${share(flow[7], flow[2]) || "none"} of the freed`);
-    else add("freed", "Freed", flow[3], exact(flow[3], flow[2]));
+        `${plural(flow[7], "block")}, ${share(flow[7], flow[2]) || "none"} of the freed`, old[8]);
+    else add("freed", "Freed", flow[3], exact(flow[3], flow[2]), old[3]);
   }
 
   // Timeline ---------------------------------------------------------------------------------------
@@ -299,25 +309,34 @@
     let zoomed = 0;
     let focused = 0;
     let values = [];
+    let changes = [];
     let buttons = new Map();
     let pattern = "";
 
     function sum() {
       values = new Array(functions.length).fill(0);
-      for (const path of paths) values[functionOf[path.node]] += metric.of(path.flow);
+      changes = new Array(functions.length).fill(0);
+      for (const path of paths) {
+        values[functionOf[path.node]] += metric.of(path.flow);
+        changes[functionOf[path.node]] += valueOf(metric, path);
+      }
       // Children come behind their parents.
-      for (let i = functions.length - 1; i > 0; --i) values[functions[i].parent] += values[i];
+      for (let i = functions.length - 1; i > 0; --i) {
+        values[functions[i].parent] += values[i];
+        changes[functions[i].parent] += changes[i];
+      }
       for (const each of functions) each.children.sort((a, b) => values[b] - values[a]);
     }
 
     const nameOf = (i) => (i === 0 ? "all" : functions[i].frame.name);
-    const textOf = (i) => `${nameOf(i)}: ${figure(metric, values[i])}, ${share(values[i], values[0])}`;
+    const changeOf = (i) => (isDiff ? `, changed by ${valueText(metric, changes[i])}` : "");
+    const textOf = (i) => `${nameOf(i)}: ${figure(metric, values[i])}, ${share(values[i], values[0])}${changeOf(i)}`;
 
     function read(i) {
       const frame = functions[i].frame;
       byId("flame-readout").replaceChildren(
         element("strong", { textContent: nameOf(i) }),
-        ` ${figure(metric, values[i])} · ${share(values[i], values[0])} of all` + (frame ? ` · ${fullPlace(frame)}` : ""));
+        ` ${figure(metric, values[i])} · ${share(values[i], values[0])} of all${changeOf(i)}` + (frame ? ` · ${fullPlace(frame)}` : ""));
     }
 
     function add(i, x, width, isAbove) {
@@ -327,7 +346,12 @@
       button.style.left = `${100 * x}%`;
       button.style.width = `calc(${100 * width}% - 1px)`;
       button.style.top = `${functions[i].depth * kRow}px`;
-      if (i === 0) button.classList.add("root");
+      if (isDiff) {
+        // Red has grown, blue has shrunk; the deeper, the larger a part of itself.
+        const part = Math.abs(changes[i]) / Math.max(values[i], values[i] - changes[i], 1);
+        button.style.setProperty("--hue", changes[i] > 0 ? 6 : 215);
+        button.style.setProperty("--frame-saturation", `${Math.round(8 + 80 * part)}%`);
+      } else if (i === 0) button.classList.add("root");
       else button.style.setProperty("--hue", hueOf.get(functions[i].frame.module));
       button.style.setProperty("--shade", `${(hash(nameOf(i)) % 9) - 4}%`);
       if (isAbove) button.classList.add("above");
@@ -372,6 +396,7 @@
     function showSummary() {
       let text = `${metric.title}: ${figure(metric, values[0])} in all; widths are shares of it.`;
       if (metric.name === "peak") text += " Each call path counts with its own peak, at whatever time that was.";
+      if (isDiff) text += " Red has grown, blue has shrunk; what is gone is in the table alone.";
       if (pattern !== "") {
         // A match inside a match is in it already.
         const inMatch = new Array(functions.length).fill(false);
@@ -446,6 +471,7 @@
     let pattern = state.get("filter") || "";
     byId("sites-filter").value = pattern;
 
+    if (isDiff) byId("sites-title").textContent = "Changes by call path";
     const headRow = byId("sites").tHead.rows[0];
     headRow.append(element("th", { scope: "col", textContent: "Innermost function, and where it was called from" }));
     const heads = kMetrics.map((metric) => {
@@ -475,8 +501,10 @@
         element("li", {}, frame.name + "  ", element("span", { textContent: fullPlace(frame) }))));
       const flow = path.flow;
       const exact = `allocated ${count(flow[1])} bytes in ${plural(flow[0], "call")}, freed ${count(flow[3])} in ${count(flow[2])}, live ${count(flow[5])} in ${count(flow[4])}, peak ${count(flow[6])}`;
+      const old = path.before;
+      const change = isDiff ? `Before: allocated ${count(old[1])} bytes in ${plural(old[0], "call")}, live ${count(old[5])} in ${count(old[4])}, peak ${count(old[6])}. Now: ` : "";
       return element("tr", {}, element("td", { colSpan: kMetrics.length + 1 },
-        element("p", { class: "from", textContent: exact }), list));
+        element("p", { class: "from", textContent: change + exact }), list));
     }
 
     function row(path) {
@@ -499,13 +527,13 @@
         button.setAttribute("aria-expanded", String(opened !== null));
       });
       for (const metric of kMetrics) {
-        const value = metric.of(path.flow);
-        const cell = element("td", { class: "number", textContent: figure(metric, value), title: count(value) });
+        const value = valueOf(metric, path);
+        const cell = element("td", { class: "number", textContent: valueText(metric, value), title: count(value) });
         cell.dataset.value = value;
         if (value === 0) cell.classList.add("none");
         if (metric === sorted) {
           cell.classList.add("sorted");
-          cell.style.setProperty("--share", `${Math.min(100, (100 * value) / Math.max(metric.of(data.totals), 1))}%`);
+          cell.style.setProperty("--share", `${Math.min(100, (100 * Math.abs(value)) / Math.max(metric.of(data.totals), 1))}%`);
         }
         made.append(cell);
       }
@@ -515,7 +543,7 @@
     function draw() {
       const chosen = paths.filter(matches);
       const sign = ascending ? 1 : -1;
-      chosen.sort((a, b) => sign * (sorted.of(a.flow) - sorted.of(b.flow)));
+      chosen.sort((a, b) => sign * (valueOf(sorted, a) - valueOf(sorted, b)));
       kMetrics.forEach((metric, i) => {
         if (metric === sorted) heads[i].setAttribute("aria-sort", ascending ? "ascending" : "descending");
         else heads[i].removeAttribute("aria-sort");
