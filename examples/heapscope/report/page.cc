@@ -172,6 +172,7 @@ json DataOf(const NamedResult& named) {
        {{"id", result.processId},
         {"forkedFrom", result.forkedFrom},
         {"startedMs", result.startedMs},
+        {"resetMs", result.resetMs},
         {"endedMs", result.endedMs},
         {"name", result.name},
         {"executable", result.executable},

@@ -151,6 +151,7 @@ class Reader {
     result_.processId = number("id");
     result_.forkedFrom = number("forked_from");
     result_.startedMs = number("started_ms");
+    result_.resetMs = number("reset_ms");
     result_.endedMs = number("ended_ms");
     result_.name = Text(process.child_value("name"));
     result_.executable = Text(process.child_value("executable"));

@@ -72,6 +72,7 @@ struct Result {
   uint64_t processId = 0;
   uint64_t forkedFrom = 0;
   uint64_t startedMs = 0;
+  uint64_t resetMs = 0;  // when the counts were set to nothing; 0 when never
   uint64_t endedMs = 0;
   std::string name;
   std::string executable;
@@ -94,6 +95,8 @@ struct Result {
   std::span<const Frame> FramesOf(const Site& site) const {
     return std::span(frames).subspan(site.firstFrame, site.frameCount);
   }
+  // Whether something was live when the counting began.
+  bool HasInherited() const { return forkedFrom != 0 || resetMs != 0; }
   bool KnowsTemporary() const { return format >= 3; }
 };
 

@@ -57,6 +57,8 @@ std::string Heading(const Result& result, const Style& style) {
     AddField(
         &text, style, "ran",
         HumanDuration(result.endedMs - result.startedMs) + ", from " + TimeText(result.startedMs));
+  if (result.resetMs != 0)
+    AddField(&text, style, "reset", TimeText(result.resetMs) + ": counts from there on");
   AddField(&text, style, "written", WhyWritten(result.written));
   AddField(&text, style, "threads", Grouped(result.threadsSeen));
   return text;
@@ -68,9 +70,9 @@ std::string Totals(const Result& result) {
     text +=
         TotalsLine(name, Grouped(amount.blocks), HumanBytes(amount.bytes), Grouped(amount.bytes));
   };
-  if (result.forkedFrom != 0) add("inherited", result.totals.inherited);
+  if (result.HasInherited()) add("inherited", result.totals.inherited);
   add("allocated", result.totals.allocated);
-  if (result.forkedFrom == 0) add("  at load", result.allocatedAtLoad);
+  if (!result.HasInherited()) add("  at load", result.allocatedAtLoad);
   add("freed", result.totals.freed);
   if (result.KnowsTemporary()) add("  temporary", result.totals.temporary);
   add(result.written == "end" ? "live at end" : "live", result.totals.live);

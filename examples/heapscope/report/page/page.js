@@ -108,6 +108,7 @@
       facts.push(["ran", duration(process.endedMs - process.startedMs)]);
       facts.push(["started", new Date(process.startedMs).toISOString().slice(0, 19).replace("T", " ") + " UTC"]);
     }
+    if (process.resetMs) facts.push(["counts since", duration(process.resetMs - process.startedMs)]);
     if (isDiff) facts.push(["compared with", `${data.before.name} ${data.before.id}`]);
     facts.push(["threads", count(data.threadsSeen)]);
     facts.push(["written", { end: "at the end", snapshot: "while it ran" }[data.written] || data.written]);
@@ -140,7 +141,7 @@
     };
     const old = isDiff ? data.before.totals : [];
     const exact = (value, blocks) => `${count(value)} bytes · ${plural(blocks, "block")}`;
-    if (data.process.forkedFrom) add("inherited", "Inherited", data.inherited[1], exact(data.inherited[1], data.inherited[0]));
+    if (data.process.forkedFrom || data.process.resetMs) add("inherited", "Inherited", data.inherited[1], exact(data.inherited[1], data.inherited[0]));
     add("bytes", "Allocated", flow[1], `${count(flow[1])} bytes · ${plural(flow[0], "call")}`, old[1]);
     add("peak", "Live at the peak", flow[6], `${count(flow[6])} bytes`, old[6]);
     add("live", data.written === "end" ? "Live at the end" : "Live when written", flow[5], exact(flow[5], flow[4]), old[5]);
