@@ -1,10 +1,10 @@
-// Allocates in a function that is inlined. The tests know the lines that are marked, and that of main.
+// Allocates in a function that is inlined, and by operator new. Tests know the lines with marks.
 
 #include <cstdlib>
 
 namespace {
 
-void* g_blocks[100];
+void* volatile g_blocks[100];
 
 [[gnu::always_inline]] inline void* MakeBlock() {
   return std::malloc(1234);  // line 10
@@ -20,4 +20,7 @@ namespace subject {
 
 }  // namespace subject
 
-int main(int argc, char**) { subject::Fill(99 + argc); }
+int main(int argc, char**) {
+  subject::Fill(99 + argc);     // line 24
+  g_blocks[0] = new char[777];  // line 25
+}

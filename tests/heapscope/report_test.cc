@@ -301,12 +301,14 @@ class SymbolsTest : public ReportTest {
       "            123,400 bytes          100 calls\n"
       "        MakeBlock               report_subject.cc:10\n"
       "        subject::Fill(int)      report_subject.cc:18\n"
-      "        main                    report_subject.cc:23\n";
+      "        main                    report_subject.cc:24\n";
 };
 
 TEST_F(SymbolsTest, InlinedFunctionsAndLinesAreFound) {
   const Outcome outcome = Report({result_});
   EXPECT_TRUE(Has(outcome.output, named_)) << outcome.output;
+  // The operator itself is left out.
+  EXPECT_TRUE(Has(outcome.output, "777 bytes            1 call\n        main ")) << outcome.output;
   const Outcome stacks = Report({result_, "--collapsed", "-", "--metric", "calls"});
   EXPECT_TRUE(Has(stacks.output, ";main;subject::Fill(int);MakeBlock 100\n"));
 }

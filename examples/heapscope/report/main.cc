@@ -147,16 +147,20 @@ int Main(int argc, char** argv) {
     return app.exit(error) == 0 ? 0 : kUsageError;
   }
   options.tables.style = Style::Of(stdout);
-  try {
-    Run(options);
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "heapscope-report: %s\n", error.what());
-    return kFailure;
-  }
+  Run(options);
   return 0;
 }
 
 }  // namespace
 }  // namespace heapscope::report
 
-int main(int argc, char** argv) { return heapscope::report::Main(argc, argv); }
+int main(int argc, char** argv) {
+  try {
+    return heapscope::report::Main(argc, argv);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "heapscope-report: %s\n", error.what());
+  } catch (...) {
+    std::fputs("heapscope-report: it failed\n", stderr);
+  }
+  return heapscope::report::kFailure;
+}

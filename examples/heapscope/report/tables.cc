@@ -64,6 +64,12 @@ std::string Heading(const Result& result, const Style& style) {
   return text;
 }
 
+std::string TotalsLine(std::string_view name, const std::string& blocks, const std::string& human,
+                       const std::string& bytes) {
+  return "  " + PadRight(name, 12) + PadLeft(blocks, 16) + PadLeft(human, 14) + PadLeft(bytes, 21) +
+         "\n";
+}
+
 std::string Totals(const Result& result) {
   std::string text = "\n" + TotalsLine("", "blocks", "", "bytes");
   const auto add = [&](const char* name, const Amount& amount) {
@@ -184,12 +190,6 @@ std::string TitleLine(const Style& style, std::string_view title, std::string_vi
   const size_t used = WidthOf(head) + 2;
   const std::string rest = used < style.width ? CutTo(remark, style.width - used) : "";
   return style.Title(head) + "  " + style.Faint(rest) + "\n";
-}
-
-std::string TotalsLine(std::string_view name, const std::string& blocks, const std::string& human,
-                       const std::string& bytes) {
-  return "  " + PadRight(name, 12) + PadLeft(blocks, 16) + PadLeft(human, 14) + PadLeft(bytes, 21) +
-         "\n";
 }
 
 std::string ReportText(const NamedResult& named, const TableOptions& options) {

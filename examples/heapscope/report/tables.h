@@ -17,7 +17,7 @@ struct TableOptions {
 
 std::string ReportText(const NamedResult& named, const TableOptions& options);
 
-// For other tables of paths: the frames of one, a line for each.
+// The frames of a path, a line for each; for other tables too.
 class FrameLines {
  public:
   explicit FrameLines(const TableOptions& options) : options_(options) {}
@@ -32,11 +32,7 @@ class FrameLines {
   size_t placeWidth_ = 0;
 };
 
-// A line is not cut where colours are in it: this cuts the parts before they get theirs.
+// A heading; cut before it gets its colours, which count as characters afterwards.
 std::string TitleLine(const Style& style, std::string_view title, std::string_view remark);
-
-// What the process was, its problems, and what of the file could not be used.
-std::string TotalsLine(std::string_view name, const std::string& blocks, const std::string& human,
-                       const std::string& bytes);
 
 }  // namespace heapscope::report
