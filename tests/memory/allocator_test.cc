@@ -1,12 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <random>
-#include <string>
 #include <vector>
 
 #include "tests/support/blocks_in_use.h"
 #include "tests/support/child_process.h"
+#include "tests/support/random.h"
 #include "tests/support/recorded_log.h"
 #include "zelrt/memory.h"
 
@@ -134,30 +133,27 @@ TEST_F(AllocatorTest, NumbersThatWouldLeaveTheBucketTableAreDefects) {
       {0, 100, 16, "Invalid size shift 16 "},
   };
   for (const auto& row : rows) {
-    const auto child = zeltest::RunInChild([&] { __ZelMalloc(row.category, row.size, row.shift); });
-    EXPECT_EQ(255, child.exitStatus);
-    EXPECT_EQ(0u, child.output.find(row.named)) << child.output;
+    zeltest::ExpectFatalInChild([&row] { __ZelMalloc(row.category, row.size, row.shift); },
+                                row.named);
   }
 }
 
 TEST_F(AllocatorTest, SizesNearTheEndOfTheAddressSpaceAreRefusedNotWrapped) {
   for (const size_t size : {SIZE_MAX, SIZE_MAX - 7, SIZE_MAX - 8, SIZE_MAX - 15, SIZE_MAX - 22,
                             SIZE_MAX - 23, SIZE_MAX / 2 + 1, size_t{1} << 40}) {
-    const auto child = zeltest::RunInChild([size] {
+    SCOPED_TRACE(size);
+    const auto ask = [size] {
       zeltest::EchoLog(true);
       backing::RefuseIf([](size_t asked, size_t) { return asked > size_t{1} << 32; });
       __ZelMalloc(0, size, 0);
-    });
-    EXPECT_EQ(255, child.exitStatus) << size;
-    EXPECT_EQ("ERROR OUT_OF_MEMORY\nERROR ABNORMAL_TERMINATE\n", child.output) << size;
+    };
+    zeltest::ExpectFatalInChild(ask, "ERROR OUT_OF_MEMORY\nERROR ABNORMAL_TERMINATE\n");
   }
 }
 
 // Random allocation and release against a plain list of what must be intact.
 TEST_F(AllocatorTest, BlocksAreDisjointAndKeepTheirContents) {
-  const unsigned seed = std::random_device()();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 random(seed);
+  zeltest::Random random;
   struct Live {
     unsigned char* block;
     size_t size;
@@ -175,17 +171,17 @@ TEST_F(AllocatorTest, BlocksAreDisjointAndKeepTheirContents) {
     live.pop_back();
   };
   for (int step = 0; step < 20'000; ++step) {
-    const bool allocate = live.empty() || random() % 100 < (live.size() < 600 ? 60u : 40u);
+    const bool allocate = live.empty() || random.Below(100) < (live.size() < 600 ? 60u : 40u);
     if (!allocate) {
-      release(random() % live.size());
+      release(random.Below(live.size()));
       continue;
     }
     // Few sizes, most of them with few slots a page, so that pages fill up and fall empty.
     static constexpr size_t kSizes[] = {0, 8, 100, 5'000, 9'000, 16'000, 32'728, 32'729, 70'000};
-    const size_t size = kSizes[random() % std::size(kSizes)];
-    const auto category = static_cast<uint32_t>(random() % 3);
+    const size_t size = kSizes[random.Below(std::size(kSizes))];
+    const uint32_t category = random.Below(3);
     const auto pattern = static_cast<unsigned char>(random());
-    auto* const block = static_cast<unsigned char*>(__ZelMalloc(category, size, random() % 2));
+    auto* const block = static_cast<unsigned char*>(__ZelMalloc(category, size, random.Below(2)));
     std::memset(block, pattern, size);
     live.push_back({block, size, pattern});
     if (IsLarge(block)) continue;

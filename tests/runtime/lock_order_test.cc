@@ -44,12 +44,9 @@ TEST_F(LockOrderTest, AnAcquisitionOutOfOrderEndsTheProcess) {
       {AskBehindABucketLock<LockRank::kSystemAllocation>, "system allocation"},
       {AskBehindABucketLock<LockRank::kSizeClassBucket>, "size-class bucket"}};
   for (const auto& [scenario, name] : rows) {
-    const zeltest::ChildResult child = zeltest::RunInChild(scenario);
-    EXPECT_EQ(255, child.exitStatus);
-    EXPECT_TRUE(child.output.starts_with("Lock order: the " + name +
-                                         " lock was asked for while the "
-                                         "size-class bucket lock is held\n"))
-        << child.output;
+    zeltest::ExpectFatalInChild(scenario, "Lock order: the " + name +
+                                              " lock was asked for while the "
+                                              "size-class bucket lock is held\n");
   }
 }
 
