@@ -239,39 +239,36 @@ TEST_F(PressureTest, ShortageInsideARequestCollectsAtOnce) {
   ExpectAllLocksFree();
 }
 
-TEST_F(PressureTest, AShortageInsideACollectionStartsNoOther) {
-  __ZelInitializeMemoryCollector();
+TEST_F(PressureTest, AShortageIsIgnoredBeforeInitialisationAndWhileReservesGo) {
   __ZelRegisterMemoryCollector(CollectCache);
-  backing::OnRequest([] { __ZelAsynchronousCollectMemory(1); });
-  for (const char* calls : {"c", "cc"}) {
-    __ZelFree(__ZelMalloc(0, 70'000, 0));
-    EXPECT_EQ(calls, g_calls);
-  }
-}
-
-TEST_F(PressureTest, ConsecutiveCollectionsWarnOnce) {
-  __ZelInitializeMemoryCollector();
-  zeltest::SetLogOpen(true);
-  backing::OnRequest([] {
-    for (int i = 0; i < 3; ++i) __ZelAsynchronousCollectMemory(1);
-  });
-  __ZelFree(__ZelMalloc(0, 70'000, 0));
-  EXPECT_EQ(Lines{"WARNING COLLECT_MEMORY"}, zeltest::LoggedLines());
-  __ZelFree(__ZelMalloc(0, 70'000, 0));
-  EXPECT_EQ(2u, zeltest::LoggedLines().size());
-}
-
-TEST_F(PressureTest, ShortageBeforeInitialisationOrWhileReservesGoIsIgnored) {
   __ZelAsynchronousCollectMemory(1 << 20);
   EXPECT_EQ(1u, backing::RequestCount()) << "not even a probe";
-
-  __ZelRegisterMemoryCollector([] { g_calls += 'c'; });
   __ZelInitializeMemoryCollectorAndReserveMemory(1);
   backing::RefuseIf([](size_t, size_t number) { return number == 1; });
   zeltest::OnLogging([] { __ZelAsynchronousCollectMemory(1); });
   __ZelFree(__ZelMalloc(0, 70'000, 0));
   EXPECT_EQ(Lines{kFreeingReserves}, zeltest::LoggedLines());
   EXPECT_EQ("", g_calls);
+  backing::OnRequest([] { __ZelAsynchronousCollectMemory(1); });
+  __ZelFree(__ZelMalloc(0, 70'000, 0));
+  EXPECT_EQ("c", g_calls);
+}
+
+TEST_F(PressureTest, CollectionsOfOneRequestWarnOnceAndNeverNest) {
+  __ZelInitializeMemoryCollector();
+  __ZelRegisterMemoryCollector([] {
+    g_calls += 'c';
+    __ZelAsynchronousCollectMemory(1);
+  });
+  zeltest::SetLogOpen(true);
+  backing::OnRequest([] {
+    for (int i = 0; i < 3; ++i) __ZelAsynchronousCollectMemory(1);
+  });
+  for (size_t requests = 1; requests <= 2; ++requests) {
+    __ZelFree(__ZelMalloc(0, 70'000, 0));
+    EXPECT_EQ(std::string(3 * requests, 'c'), g_calls);
+    EXPECT_EQ(Lines(requests, "WARNING COLLECT_MEMORY"), zeltest::LoggedLines());
+  }
 }
 
 TEST(SwapWatchTest, ASixteenthOfTheTotalIsTooMuch) {

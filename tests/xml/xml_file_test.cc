@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -9,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/child_process.h"
 #include "tests/support/random.h"
 #include "tests/support/temporary_directory.h"
 #include "zelrt/xml.h"
@@ -221,13 +221,11 @@ TEST_F(XmlFileTest, AFailedCloseKeepsTheHandleForASecondOne) {
 TEST_F(XmlFileTest, AForkedChildLetsGoOfTheFile) {
   Create();
   __ZelXMLWriteOpeningTag(file_, "a");
-  if (fork() == 0) {
+  zeltest::ExpectSuccessInChild([this] {
     __ZelXMLCleanupAfterFork(&file_);
-    _exit(file_ == nullptr ? 0 : 1);
-  }
-  int status;
-  wait(&status);
-  EXPECT_EQ(0, status);
+    EXPECT_EQ(nullptr, file_);
+    _exit(HasFailure() ? 1 : 0);  // with nothing flushed
+  });
   EXPECT_EQ(kHeader + "\n<a>", Written());
 }
 
