@@ -88,8 +88,8 @@ TEST(AllocatorThreadsTest, ConcurrentFirstCallsMakeOneRecord) {
   EXPECT_GE(before + 1, mallinfo2().hblks);
 }
 
-// Both threads see the block in use before either has the lock.
-TEST(AllocatorThreadsTest, FreeingTwiceAtOnceIsFoundUnderTheLock) {
+// At times both threads see the block in use before either has the lock.
+TEST(AllocatorThreadsTest, FreeingTwiceIsNotedAndChangesNothing) {
   zelhost::Install();
   backing::Install();
   void* const kept = __ZelMalloc(0, 100, 0);
@@ -101,7 +101,8 @@ TEST(AllocatorThreadsTest, FreeingTwiceAtOnceIsFoundUnderTheLock) {
     ASSERT_EQ(page->capacity - 1, page->freeCount);
   }
   EXPECT_TRUE(zelrt::PageIsConsistent(page));
-  EXPECT_EQ(kRounds, zeltest::LoggedLines().size());
+  const std::string note = "Tried to free a memory chunk that has already been freed";
+  EXPECT_EQ(std::vector<std::string>(kRounds, note), zeltest::LoggedLines());
 }
 
 }  // namespace
