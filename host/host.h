@@ -11,9 +11,10 @@
 
 namespace zelhost {
 
-// Installs every hook of zelrt/runtime.h with the services below. Call it once, before zelrt is
-// started and before there are threads. In a child of fork the ids are the child's own; what the
-// forking thread holds by its old id can be released there, but not taken again.
+// Installs every hook of zelrt/runtime.h, and the thread services of zelrt/command.h, with what is
+// below. Call it once, before zelrt is started and before there are threads. In a child of fork the
+// ids are the child's own; what the forking thread holds by its old id can be released there, but
+// not taken again.
 void Install();
 
 // Ids of the calling thread: this stand-in's own number, counted from 1 in the order in which
@@ -49,8 +50,14 @@ using ThreadFunction = void (*)(uintptr_t argument);
 uint32_t CreateThread(ThreadFunction function, uintptr_t argument, size_t stackSize,
                       uintptr_t* handle);
 
-// Ends the calling thread, which was made by CreateThread. Returning from the function ends it with
-// code 0.
+// The same for a thread that serves others until it is told to end: when it ends by ExitThread with
+// errno at EINTR, and nobody waits for it yet, its function is called again. Objects with
+// destructors must not be in scope there.
+uint32_t CreateServiceThread(ThreadFunction function, uintptr_t argument, size_t stackSize,
+                             uintptr_t* handle);
+
+// Ends the calling thread, which was made by one of the two. Returning from the function ends it
+// with code 0.
 [[noreturn]] void ExitThread(uint32_t code);
 
 // Waits up to timeoutMs for the thread's end. Returns 1, stores the exit code where there is a

@@ -4,6 +4,7 @@
 
 #include "host/host.h"
 #include "host/thread_ids.h"
+#include "zelrt/command.h"
 #include "zelrt/runtime.h"
 
 namespace zelhost {
@@ -40,6 +41,7 @@ void Install() {
   __ZelSetTlsSetValueProc(TlsSetValue);
   __ZelSetGetPidProc(ProcessId);
   __ZelSetTavClientLockProc(ClientLock, ClientUnlock);
+  __ZelSetThreadProcs(CreateServiceThread, ExitThread, WaitThread, AddEndCallback);
 }
 
 }  // namespace zelhost

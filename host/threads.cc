@@ -1,9 +1,12 @@
 // Threads with handles, and callbacks at the end of the run.
 
 #include <pthread.h>
+#include <setjmp.h>
 #include <signal.h>
 #include <time.h>
 
+#include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
@@ -22,13 +25,29 @@ struct Thread {
   ThreadFunction function;
   uintptr_t argument;
   ThreadIdentity identity;
+  bool isService;
+  std::atomic<bool> isWaitedFor;
+  jmp_buf start;  // of a service, for ExitThread
 };
 
+constinit thread_local Thread* t_service = nullptr;
+
 void* Run(void* argument) {
-  const auto* const thread = static_cast<const Thread*>(argument);
+  auto* const thread = static_cast<Thread*>(argument);
   t_identity = thread->identity;
+  if (thread->isService) {
+    t_service = thread;
+    setjmp(thread->start);  // NOLINT(cert-err52-cpp): see ExitThread
+    errno = 0;
+  }
   thread->function(thread->argument);
   return nullptr;
+}
+
+// The kernel lets a wait fail when the process was stopped and goes on, signals blocked or not, and
+// not everybody waits again.
+bool WasInterrupted(const Thread* thread) {
+  return thread != nullptr && errno == EINTR && !thread->isWaitedFor.load();
 }
 
 class Attributes {
@@ -80,11 +99,14 @@ EndCallbacks& TheEndCallbacks() {
 
 }  // namespace
 
-uint32_t CreateThread(ThreadFunction function, uintptr_t argument, size_t stackSize,
-                      uintptr_t* handle) {
+namespace {
+
+uint32_t Create(ThreadFunction function, uintptr_t argument, size_t stackSize, uintptr_t* handle,
+                bool isService) {
   auto thread = std::make_unique<Thread>();
   thread->function = function;
   thread->argument = argument;
+  thread->isService = isService;
   thread->identity.current = NextThreadNumber();
   thread->identity.parent = NativeThreadId();
   // Read before the start: a waiter may free the record as soon as the handle is stored.
@@ -96,11 +118,29 @@ uint32_t CreateThread(ThreadFunction function, uintptr_t argument, size_t stackS
   return number;
 }
 
-void ExitThread(uint32_t code) { pthread_exit(reinterpret_cast<void*>(uintptr_t{code})); }
+}  // namespace
+
+uint32_t CreateThread(ThreadFunction function, uintptr_t argument, size_t stackSize,
+                      uintptr_t* handle) {
+  return Create(function, argument, stackSize, handle, false);
+}
+
+uint32_t CreateServiceThread(ThreadFunction function, uintptr_t argument, size_t stackSize,
+                             uintptr_t* handle) {
+  return Create(function, argument, stackSize, handle, true);
+}
+
+void ExitThread(uint32_t code) {
+  // Not pthread_exit and another thread: whoever has the handle waits for this one. Nor an
+  // exception: it would have to pass through functions that know of none.
+  if (WasInterrupted(t_service)) longjmp(t_service->start, 1);  // NOLINT(cert-err52-cpp)
+  pthread_exit(reinterpret_cast<void*>(uintptr_t{code}));
+}
 
 uint32_t WaitThread(uintptr_t* handle, uint32_t timeoutMs, uint32_t* exitCode) {
   auto* const thread = reinterpret_cast<Thread*>(*handle);
   if (thread == nullptr) return 0;
+  thread->isWaitedFor.store(true);
   const timespec deadline = FromNow(timeoutMs);
   void* result;
   if (pthread_timedjoin_np(thread->pthread, &result, &deadline) != 0) return 0;

@@ -10,6 +10,7 @@
 #include "zelrt/atomics.h"
 #include "zelrt/base.h"
 #include "zelrt/call_stacks.h"
+#include "zelrt/command.h"
 #include "zelrt/crc32.h"
 #include "zelrt/files.h"
 #include "zelrt/hash_table.h"
@@ -30,6 +31,9 @@
 #include "zelrt/xml.h"
 
 #ifdef __cplusplus
+#include "zelrt/command_channels.hpp"
+#include "zelrt/command_controller.hpp"
+#include "zelrt/command_handler.hpp"
 #include "zelrt/log.hpp"
 #include "zelrt/numbers.hpp"
 #include "zelrt/paths.hpp"

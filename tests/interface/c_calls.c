@@ -138,10 +138,38 @@ static void CallModules(void) {
   CHECK(__ZelCRC32("123456789", 9) == 0xCBF43926u);
 }
 
+static void KeepArguments(int code, int argument2, int argument3, int argument4, int argument5,
+                          unsigned char* payload, void* userData) {
+  int* const kept = userData;
+  *kept = code + argument2 + argument3 + argument4 + argument5 + payload[0];
+}
+
+static uint32_t CreateNoThread(ZelThreadFunction function, uintptr_t argument, size_t stackSize,
+                               uintptr_t* handle) {
+  return function != NULL && argument == 2 && stackSize == 0 && *handle == 0 ? 0xFFFFFFFFu : 1;
+}
+static void ExitThread(uint32_t code) { exit((int)code); }
+static uint32_t WaitThread(uintptr_t* handle, uint32_t timeout, uint32_t* exitCode) {
+  return *handle == 0 && timeout == 1000 && exitCode == NULL;
+}
+static void AddFini(ZelThreadFunction function, uintptr_t argument) { function(argument); }
+
+static void CallCommands(void) {
+  int kept = 0;
+  CHECK(__ZelRegisterCommandHandler("/tmp", KeepArguments, &kept) == 0);
+  CHECK(__ZelSetThreadProcs(CreateNoThread, ExitThread, WaitThread, AddFini) == 1);
+  CHECK(__ZelGetThreadCreateProc() == CreateNoThread && __ZelGetThreadWaitProc() == WaitThread);
+  CHECK(__ZelRegisterCommandHandlerWithHeartbeat("/tmp", KeepArguments, &kept, 2) == 0);
+  __ZelShutdownCommandHandler();
+  __ZelUnregisterCommandHandler(ZELCMDHDLR_CLEAN_PARTIAL);
+  CHECK(kept == 0);
+}
+
 int main(void) {
   CallRuntimeAndMemory();
   CallContainers();
   CallLogAndFiles();
   CallModules();
+  CallCommands();
   return g_failures == 0 ? 0 : 1;
 }
