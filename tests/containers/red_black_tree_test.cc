@@ -157,8 +157,8 @@ TEST_F(RedBlackTreeTest, RandomChangesMatchTheModel) {
 TEST_F(RedBlackTreeTest, NothingComesOfNullsAndTheSentinel) {
   ZelRedBlackTree* const tree = __ZelCreateRedBlackTree(7, nullptr, nullptr, nullptr);
   EXPECT_EQ(1u, __ZelValidateRedBlack(tree));
-  uint64_t key;
-  void* item;
+  uint64_t key = 0;
+  void* item = tree;
   for (const ZelRedBlackNode* node : {static_cast<ZelRedBlackNode*>(nullptr), tree->nil}) {
     EXPECT_EQ(nullptr, __ZelGetRedBlackRangeNext(node, kTop));
     EXPECT_EQ(nullptr, __ZelGetRedBlackRangePrev(node, 0));
@@ -174,6 +174,8 @@ TEST_F(RedBlackTreeTest, NothingComesOfNullsAndTheSentinel) {
   __ZelInsertRedBlackEntry(tree, 3, nullptr);
   EXPECT_EQ(0u,
             __ZelGetRedBlackKey(tree->root, nullptr) | __ZelGetRedBlackItem(tree->root, nullptr));
+  EXPECT_TRUE(__ZelGetRedBlackKey(tree->root, &key) == 1 && key == 3);
+  EXPECT_TRUE(__ZelGetRedBlackItem(tree->root, &item) == 1 && item == nullptr);
   __ZelDestroyRedBlackTree(tree);
 }
 

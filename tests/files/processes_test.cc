@@ -61,6 +61,8 @@ TEST_F(ProcessesTest, TheRecordLiesAtTheStartOfTheLockFile) {
   ASSERT_EQ(0, ftruncate(descriptor, 3));
   EXPECT_EQ("abc", Read(descriptor));
   EXPECT_EQ("", Read(__ZelCreateLockFile("lock", 1)));
+  EXPECT_EQ(0, __ZelCloseLockFile(descriptor));
+  EXPECT_EQ(-1, close(descriptor));
 }
 
 TEST_F(ProcessesTest, AnotherProcessWaitsForTheLock) {

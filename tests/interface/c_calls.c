@@ -120,6 +120,7 @@ static void CallLogAndFiles(void) {
   uint32_t sum = 1;
   CHECK(__ZelParseOptions2(parser, 4, arguments) == 1);
   CHECK(__ZelProcessAppendOptionValues(parser, lib, CountValue, &sum) == 5 && sum == 5);
+  CHECK(__ZelPrintHelp(parser, 0) == 0);
 }
 
 static void KeepRecord(const ZelZCARecord* record, void* context) {
