@@ -25,7 +25,8 @@ need_packages() {
 BUILD_PACKAGES=(g++ cmake ninja-build libboost-dev)
 TEST_PACKAGES=(libgtest-dev pkg-config git python3 libxml2-utils)
 BENCHMARK_PACKAGES=(libbenchmark-dev)
-LINT_PACKAGES=(clang-format clang-tidy git)
+LINT_PACKAGES=(clang-format clang-tidy git mandoc)
+DOCS_PACKAGES=(doxygen python3)
 
 # Configures and builds a preset of CMakePresets.json, with further arguments for the configuration.
 build_preset() {
