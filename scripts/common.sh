@@ -22,7 +22,7 @@ need_packages() {
     apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }
 
-BUILD_PACKAGES=(g++ cmake ninja-build libboost-dev)
+BUILD_PACKAGES=(g++ cmake ninja-build libboost-dev libcli11-dev nlohmann-json3-dev)
 TEST_PACKAGES=(libgtest-dev pkg-config git python3 libxml2-utils)
 BENCHMARK_PACKAGES=(libbenchmark-dev)
 LINT_PACKAGES=(clang-format clang-tidy git)
