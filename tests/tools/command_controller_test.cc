@@ -104,7 +104,7 @@ TEST_F(CommandControllerTest, KilledControllersLeaveTheChannelUsable) {
 
 TEST_F(CommandControllerTest, FullQueueIsWaitedForAndNotForEver) {
   ASSERT_EQ(ControlResult::kDone, Send(Code::kSleep, 1500, kPatience));
-  while (State().isListening || State().pending > 0) std::this_thread::sleep_for(1ms);
+  ASSERT_TRUE(zeltest::Eventually([&] { return !process_.Noted().empty(); }));
   const std::vector<ZelCommandRecord> seven(7, MakeCommand(Code::kNote));
   const auto start = Clock::now();
   size_t queued;

@@ -35,6 +35,13 @@ struct NotedCommand {
   int32_t firstByte;  // of the payload, -1 where they are not all the same
 };
 
+// Whether the condition comes true, given the time that a busy machine needs.
+template <typename Condition>
+bool Eventually(Condition condition) {
+  for (int i = 0; i < 20'000 && !condition(); ++i) usleep(1000);
+  return condition();
+}
+
 // Puts the user's channels into a new directory, where the test works.
 struct OwnChannels {
   OwnChannels() { setenv("XDG_RUNTIME_DIR", std::filesystem::current_path().c_str(), 1); }
@@ -120,6 +127,7 @@ class ServingProcess {
 
   [[noreturn]] static void Run(int socket) {
     std::string directory;
+    setsid();  // so that a signal to the group of the test leaves time to take the channel down
     zelhost::Install();
     if (!zelrt::MakeChannelDirectory("test", directory)) _exit(1);
     if (__ZelRegisterCommandHandler(directory.c_str(), Serve, &directory) == 0) _exit(1);

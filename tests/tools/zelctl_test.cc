@@ -131,7 +131,8 @@ TEST_F(ZelctlTest, ReapRemovesWhatTheDeadLeftAndNothingElse) {
   sembuf use = {ZEL_COMMAND_DOORBELL, -1, 0};
   const pid_t user = fork();
   if (user == 0) _exit(semop(process_.semaphoreSet(), &use, 1));
-  while (semctl(process_.semaphoreSet(), ZEL_COMMAND_DOORBELL, GETNCNT) == 0) usleep(1000);
+  EXPECT_TRUE(zeltest::Eventually(
+      [&] { return semctl(process_.semaphoreSet(), ZEL_COMMAND_DOORBELL, GETNCNT) > 0; }));
   ExpectStatus(1, "reap -p " + pid);
   EXPECT_TRUE(process_.HasObjects());
   kill(user, SIGKILL);
