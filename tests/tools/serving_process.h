@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -104,7 +103,7 @@ class ServingProcess {
   std::vector<NotedCommand> Noted() const {
     const std::string bytes = ReadFile(directory_ + "/notes");
     std::vector<NotedCommand> noted(bytes.size() / sizeof(NotedCommand));
-    std::memcpy(noted.data(), bytes.data(), noted.size() * sizeof(NotedCommand));
+    bytes.copy(reinterpret_cast<char*>(noted.data()), noted.size() * sizeof(NotedCommand));
     return noted;
   }
 

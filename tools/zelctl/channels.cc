@@ -113,7 +113,7 @@ std::string Resolve(const Target& target) {
 
 void Connect(const Target& target, zelrt::CommandController& controller) {
   Require(controller.Open(Resolve(target)), controller);
-  zelrt::ChannelState state;
+  zelrt::ChannelState state = {};
   Require(controller.State(state), controller);
   if (state.isStale) Require(ControlResult::kStale, controller);
 }
@@ -123,7 +123,7 @@ void Require(ControlResult result, const zelrt::CommandController& controller) {
   const std::string reason = result == ControlResult::kSystem ? std::strerror(errno) : "";
   std::string text = zelrt::ControlResultText(result);
   if (!reason.empty()) text += ": " + reason;
-  zelrt::ChannelState state;
+  zelrt::ChannelState state = {};
   if (result == ControlResult::kStale && controller.State(state) == ControlResult::kDone) {
     text = "stale: process " + std::to_string(state.owner) +
            " is gone; `zelctl reap` removes what it left";

@@ -52,7 +52,7 @@ std::string WhyIsSegmentInUse(const zelrt::CommandController& controller, pid_t&
   if (controller.segmentId() == -1 || shmctl(controller.segmentId(), IPC_STAT, &segment) != 0)
     return "";
   owner = segment.shm_cpid;
-  zelrt::ChannelState state;
+  zelrt::ChannelState state = {};
   const bool isAlive = controller.State(state) == ControlResult::kDone
                            ? !state.isStale
                            : owner == 0 || IsAlive(owner);
