@@ -23,7 +23,7 @@ need_packages() {
 }
 
 BUILD_PACKAGES=(g++ cmake ninja-build libboost-dev)
-# For heapscope-report, which is left out where they are missing.
+# For the tools and heapscope-report, which are left out where these are missing.
 BUILD_PACKAGES+=(pkg-config libpugixml-dev libcli11-dev nlohmann-json3-dev libdw-dev)
 TEST_PACKAGES=(libgtest-dev pkg-config git python3 libxml2-utils)
 BENCHMARK_PACKAGES=(libbenchmark-dev)
