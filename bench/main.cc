@@ -68,8 +68,8 @@ int main(int argc, char** argv) {
   for (const bench::Family& family :
        {bench::Locks(), bench::Allocator(), bench::Footprint(), bench::Xml(), bench::Log(),
         bench::HashTables(), bench::RedBlackTree(), bench::RangeTable(), bench::Vector(),
-        bench::Queue(), bench::Sets(), bench::Checksums(), bench::Modules(),
-        bench::Annotations()}) {
+        bench::Queue(), bench::Sets(), bench::Checksums(), bench::Modules(), bench::Annotations(),
+        bench::Commands()}) {
     bench::MeasuredFamily one = Measure(family, filter);
     if (!one.works.empty()) measured.push_back(std::move(one));
   }

@@ -26,7 +26,8 @@ class MedianCollector : public benchmark::BenchmarkReporter {
  private:
   double FigureOf(const Run& run) const {
     if (measure_ == Measure::kTime) return run.GetAdjustedCPUTime();
-    if (measure_ == Measure::kManualTime) return run.GetAdjustedRealTime();
+    if (measure_ == Measure::kWallTime || measure_ == Measure::kManualTime)
+      return run.GetAdjustedRealTime();
     return run.counters.at(kFigure).value;
   }
 
@@ -43,6 +44,7 @@ class MedianCollector : public benchmark::BenchmarkReporter {
 void Register(const Contender& contender, Measure measure) {
   benchmark::internal::Benchmark* const registered =
       benchmark::RegisterBenchmark(contender.name.c_str(), contender.run);
+  if (measure == Measure::kWallTime) registered->UseRealTime();
   if (measure == Measure::kManualTime) registered->UseManualTime();
   if (measure == Measure::kCounter) registered->Iterations(1);
 }

@@ -46,6 +46,7 @@ inline Goal AheadOf(const char* opponent) { return {opponent, 1.0, true}; }
 // How the figure of a work comes about.
 enum class Measure {
   kTime,        // nanoseconds of an iteration, on the processor: of one thread that never waits
+  kWallTime,    // nanoseconds of an iteration, on the clock: of threads that wait for each other
   kManualTime,  // nanoseconds of an iteration, as reported with SetIterationTime
   kCounter,     // the counter kFigure, set by a benchmark that runs for one iteration; any unit
 };
@@ -88,5 +89,6 @@ Family Annotations();
 Family Vector();
 Family Queue();
 Family Modules();
+Family Commands();
 
 }  // namespace bench

@@ -12,6 +12,7 @@
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -62,6 +63,16 @@ void RemoveOrphan(int lockFile) {
   if (isMakerGone || status.shm_nattch == 0) shmctl(id, IPC_RMID, nullptr);
 }
 
+// The host may have closed the descriptor, and got its number for a file of its own since.
+void CloseLockFile(int descriptor, const char* path) {
+  struct stat open, named;
+  if (descriptor == kNone || fstat(descriptor, &open) != 0) return;
+  const bool isNamed = stat(path, &named) == 0;
+  const bool isOurs = isNamed ? open.st_dev == named.st_dev && open.st_ino == named.st_ino
+                              : S_ISREG(open.st_mode) && open.st_nlink == 0;
+  if (isOurs) close(descriptor);
+}
+
 // Stores the path of the lock file in a buffer of that size. False when it does not fit.
 bool BuildLockFilePath(const char* directory, char* path, size_t size) {
   const size_t length = strnlen(directory, size);
@@ -100,7 +111,7 @@ void CommandHandlerInternals::Forget(CollectorCommandHandler& handler) {
   // The thread that may have held it is not in this process.
   g_segmentInUse = SpinFlag();
   if (handler.segment_ != nullptr) shmdt(handler.segment_);
-  if (handler.lockFile_ != kNone) close(handler.lockFile_);
+  CloseLockFile(handler.lockFile_, handler.lockFilePath_);
   handler.segment_ = nullptr;
   handler.lockFilePath_[0] = '\0';
   handler.lockFile_ = handler.segmentId_ = handler.semaphores_ = kNone;
@@ -108,8 +119,9 @@ void CommandHandlerInternals::Forget(CollectorCommandHandler& handler) {
 
 // Lock file, semaphores, segment, in this order. What was made until a failure is the handler's.
 bool CommandHandlerInternals::Create(CollectorCommandHandler& handler) {
-  handler.semaphores_ = semget(ftok(handler.lockFilePath_, ZEL_COMMAND_KEY_PROJECT), kSemaphores,
-                               IPC_CREAT | kSetMode);
+  const key_t key = ftok(handler.lockFilePath_, ZEL_COMMAND_KEY_PROJECT);
+  if (key == -1) return false;
+  handler.semaphores_ = semget(key, kSemaphores, IPC_CREAT | kSetMode);
   if (handler.semaphores_ == kNone) return false;
   // Held while the segment is set up.
   if (!SetSemaphore(handler.semaphores_, ZEL_COMMAND_LOCK, 0)) return false;
@@ -184,7 +196,7 @@ void CollectorCommandHandler::destroySharedMemoryAndLockFile(_ZELCMDHDLRCLEANEXT
     semctl(semaphores_, 0, IPC_RMID);
     StoreRelaxed(semaphores_, kNone);
   }
-  if (lockFile_ != kNone) close(lockFile_);
+  CloseLockFile(lockFile_, lockFilePath_);
   lockFile_ = kNone;
   if (isFull && lockFilePath_[0] != '\0') {
     unlink(lockFilePath_);

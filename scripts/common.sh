@@ -22,10 +22,13 @@ need_packages() {
     apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }
 
-BUILD_PACKAGES=(g++ cmake ninja-build libboost-dev libcli11-dev nlohmann-json3-dev)
+BUILD_PACKAGES=(g++ cmake ninja-build libboost-dev)
+# For zelctl and heapscope-report, which are left out where they are missing.
+BUILD_PACKAGES+=(pkg-config libpugixml-dev libcli11-dev nlohmann-json3-dev libdw-dev)
 TEST_PACKAGES=(libgtest-dev pkg-config git python3 libxml2-utils)
 BENCHMARK_PACKAGES=(libbenchmark-dev)
-LINT_PACKAGES=(clang-format clang-tidy git)
+LINT_PACKAGES=(clang-format clang-tidy git mandoc)
+DOCS_PACKAGES=(doxygen python3)
 
 # Configures and builds a preset of CMakePresets.json, with further arguments for the configuration.
 build_preset() {

@@ -10,6 +10,15 @@ namespace {
 
 constexpr int kPreferredNumbers[] = {900, 200, STDERR_FILENO + 1};
 
+int DuplicateAboveProgram(int descriptor) {
+  int duplicate = -1;
+  for (const int lowest : kPreferredNumbers) {
+    duplicate = fcntl(descriptor, F_DUPFD_CLOEXEC, lowest);
+    if (duplicate >= 0) break;  // the others are above the limit, if not all
+  }
+  return duplicate;
+}
+
 }  // namespace
 
 bool Identify(int descriptor, FileIdentity* file) {
@@ -19,12 +28,14 @@ bool Identify(int descriptor, FileIdentity* file) {
   return true;
 }
 
+int MoveOwnDescriptor(int descriptor) {
+  const int moved = DuplicateAboveProgram(descriptor);
+  close(descriptor);
+  return moved;
+}
+
 bool OwnDescriptor::Duplicate(int descriptor) {
-  number_ = -1;
-  for (const int lowest : kPreferredNumbers) {
-    number_ = fcntl(descriptor, F_DUPFD_CLOEXEC, lowest);
-    if (number_ >= 0) break;  // the others are above the limit, if not all
-  }
+  number_ = DuplicateAboveProgram(descriptor);
   return number_ >= 0 && Identify(number_, &file_);
 }
 

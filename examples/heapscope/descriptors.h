@@ -17,6 +17,9 @@ struct FileIdentity {
 // False for a descriptor that is not open.
 bool Identify(int descriptor, FileIdentity* file);
 
+// Puts a duplicate in place of a descriptor that was just opened. -1 when there is none to be had.
+int MoveOwnDescriptor(int descriptor);
+
 class OwnDescriptor {
  public:
   // Takes a duplicate. False, and no descriptor, when there is none to be had.

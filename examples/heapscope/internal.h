@@ -1,9 +1,10 @@
 // What the files of the collector lend each other, by the file that defines it.
 //
-// Locks, outermost first: the shards' locks (record.cc), in ascending order; the lock of the files
-// (own_files.cc) or that of the modules (modules.cc); the library's. The library is called, where
-// it takes locks, only by a thread that holds a shard's lock, so whoever holds all shards, as
-// fork's handlers do, knows that every lock is free.
+// Locks, outermost first: the fork gate, then the shards' locks in ascending order (record.cc); the
+// lock of the files (own_files.cc) or that of the modules (modules.cc); the library's. The library
+// is called, where it takes locks, only by a thread that holds the gate or a shard's lock, so
+// whoever holds them all, as fork's handlers do, knows that every lock is free. The command
+// thread's waiting is the exception: a child lets go of the channel with whatever that thread held.
 //
 // Nothing here may allocate from the program's heap. Streams, strings and containers are for
 // threads that are Writing alone: the arena serves them.
@@ -44,6 +45,10 @@ struct Process {
   int32_t id;
   int32_t forkedFrom;  // 0: started by exec
   int64_t startedMs;   // since 1970
+  int64_t resetMs;     // 0: the counts were never reset
+
+  // Counts started on top of blocks that were live already.
+  bool HasInherited() const { return forkedFrom != 0 || resetMs != 0; }
 };
 int64_t NowMs();
 
@@ -163,7 +168,20 @@ void PutBackBlock(Function function, const void* block, TakenBlock taken, size_t
 void RecordReallocation(Function function, const Caller& caller, const void* old, TakenBlock taken,
                         const void* block, size_t size);
 
-// Holds a shard's lock, for calls of the library that no block is the reason of, unless a fork
+// While paused, allocations are left out.
+void PauseRecords();
+void ResumeRecords();
+bool AreRecordsPaused();
+
+// The live block that holds an address.
+struct BlockAround {
+  uintptr_t start;
+  size_t size;
+  uint32_t site;
+};
+bool FindBlockAround(uintptr_t address, BlockAround* found);
+
+// Holds the fork gate, for calls of the library that no block is the reason of, unless a fork
 // keeps it for too long.
 class NoForkMeanwhile {
  public:
@@ -178,10 +196,10 @@ class NoForkMeanwhile {
   const bool isHeld_;
 };
 
-// Around fork. The child keeps the table of live blocks and starts with fresh counts.
+// Around fork and reset. The table of live blocks stays when the counts start anew.
 void HoldRecords();
 void ReleaseRecords();
-void StartChildRecords();  // between the two
+void StartRecordsAnew();  // between the two
 
 struct Amount {
   uint64_t blocks;
@@ -192,6 +210,7 @@ struct Flow {
   Amount inherited;  // live when the process was forked
   Amount allocated;
   Amount freed;
+  Amount temporary;    // of them: by the thread that had allocated them, and nothing else since
   uint64_t peakBytes;  // most that were live at one time
 
   Amount Live() const {
@@ -206,6 +225,7 @@ struct Figures {
   uint64_t unseenFrees;   // blocks whose address was given out again
   uint64_t untracked;     // blocks for which the table had no memory
   uint64_t unrecorded;    // calls that found the table closed by a fork for too long
+  uint64_t leftOut;       // calls that did not count because of a pause
   Flow classes[kSizeClasses];
   Flow total;
 };
@@ -228,7 +248,8 @@ struct ThreadFigures {
 uint32_t ThreadsSeen();
 uint32_t ThreadPlaces();
 ThreadFigures ReadThread(uint32_t place);
-void StartChildThreads();
+void ResetThreads();
+void GiveUpThreadPlaces();  // of the threads that a child does not have
 
 // sites.cc ---------------------------------------------------------------------------------------
 
@@ -247,7 +268,7 @@ struct SiteFigures : Flow {
 void SetUpSites();
 uint32_t NumberOfSites();
 SiteFigures ReadSite(uint32_t number);
-void StartChildSites();
+void StartSitesAnew();
 
 // output.cc --------------------------------------------------------------------------------------
 
@@ -260,9 +281,11 @@ void WriteOutput(const char* text, size_t length);
 void LockOwnFiles();
 void UnlockOwnFiles();
 
-// Store the path of this process's log, and of its result file. False when there is to be none.
+// Store the path of this process's log, of its result file, and of a snapshot. False when there is
+// to be none.
 bool LogFilePath(char* path, size_t size);
 bool ResultFilePath(char* path, size_t size);
+bool SnapshotFilePath(uint32_t number, char* path, size_t size);
 
 // As fopen with "w" or "a", for a thread that is writing.
 FILE* OpenOwnStream(const char* path, const char* mode);
@@ -282,7 +305,18 @@ void StartChildLog();
 
 // result.cc --------------------------------------------------------------------------------------
 
-void WriteResult(const Figures& figures);
+enum class Occasion : uint8_t { kEnd, kSnapshot, kHeartbeat };
+
+// Writes a whole file and puts it in place of what is there. False when there is none to write, or
+// it could not be written: then what was there stays, except at the end.
+bool WriteResult(Occasion occasion, const Figures& figures, const char* path);
+void StartChildResult();
+
+// channel.cc -------------------------------------------------------------------------------------
+
+void OpenChannel();
+void CloseChannel();
+void ForgetChannelInChild();
 
 // summary.cc -------------------------------------------------------------------------------------
 

@@ -1,4 +1,5 @@
-// The functions that take the place of the C library's: those that allocate, _exit, fopen, dlclose.
+// The functions that take the place of the C library's: those that allocate, _exit, open, fopen,
+// dlclose.
 //
 // Each calls the real function of its name and records what came of it: blocks, results and errno
 // are the real function's. reallocarray is the exception: the real one would come back through
@@ -9,16 +10,19 @@
 // calls itself when it writes.
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <link.h>
 #include <malloc.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "examples/heapscope/descriptors.h"
 #include "examples/heapscope/internal.h"
 
 namespace heapscope {
@@ -41,6 +45,7 @@ struct RealFunctions {
   decltype(&::malloc_usable_size) usableSize;
   void (*exit)(int);
   decltype(&::fopen) fopen;
+  decltype(&::open) open;
   decltype(&::dlclose) dlclose;
 };
 constinit RealFunctions g_real = {};
@@ -274,6 +279,20 @@ void _Exit(int status) noexcept { _exit(status); }
 FILE* fopen(const char* path, const char* mode) {
   if (g_real.fopen == nullptr && !Find("fopen", &g_real.fopen)) return nullptr;
   return t_isWriting ? OpenOwnStream(path, mode) : g_real.fopen(path, mode);
+}
+
+// The same for what is opened without a stream: the channel's lock file.
+int open(const char* path, int flags, ...) {
+  mode_t mode = 0;
+  if (__OPEN_NEEDS_MODE(flags)) {
+    va_list arguments;
+    va_start(arguments, flags);
+    mode = va_arg(arguments, mode_t);
+    va_end(arguments);
+  }
+  if (g_real.open == nullptr && !Find("open", &g_real.open)) return -1;
+  const int opened = g_real.open(path, flags, mode);
+  return t_isWriting && opened >= 0 ? MoveOwnDescriptor(opened) : opened;
 }
 
 // Modules may go here.

@@ -17,6 +17,9 @@
 #include <cstring>
 #include <string>
 
+#include "examples/heapscope/channel_directories.h"
+#include "examples/heapscope/commands.h"
+#include "examples/heapscope/control.h"
 #include "examples/heapscope/file_pattern.h"
 #include "examples/heapscope/options.h"
 #include "examples/heapscope/program_check.h"
@@ -35,8 +38,10 @@ constexpr char kLibraryName[] = "libheapscope.so";
 
 constexpr char kUsage[] =
     "Usage: heapscope [OPTION...] -- PROGRAM [ARGUMENT...]\n"
+    "       heapscope status|snapshot|pause|resume|reset PROCESS|DIRECTORY\n"
+    "       heapscope where PROCESS|DIRECTORY ADDRESS\n"
     "Runs the program, counts its heap allocations, and writes a summary to standard error when\n"
-    "it exits.\n"
+    "it exits. The other forms ask a collector while its program runs.\n"
     "\n";
 
 constinit Options g_options;
@@ -142,6 +147,8 @@ void TellCollector() {
   options.Add("-stack", kStackNames[static_cast<size_t>(g_options.Stack())]);
   options.Add("-depth", std::to_string(g_options.Depth()));
   options.AddFlag("-children", g_options.KeepsChildren());
+  options.AddFlag("-channel", g_options.WantsChannel());
+  options.Add("-heartbeat", std::to_string(g_options.HeartbeatSeconds()));
   if (const char* const text = g_options.Dump(); text != nullptr) options.Add("-dump", text);
   if (const char* const out = g_options.OutDirectory(); out != nullptr)
     options.Add("-out", PrepareDirectory(out));
@@ -171,8 +178,15 @@ void ShowHelpAndFail(int32_t) {
   _exit(kLauncherFailed);
 }
 
-[[noreturn]] void Become(char** program) {
+// The channel that the process that becomes the program may take.
+void NameChannel(const std::string& directory) {
+  if (!directory.empty())
+    SetVariable(heapscope::kChannelVariable, std::to_string(getpid()) + ":" + directory);
+}
+
+[[noreturn]] void Become(char** program, const std::string& channel) {
   NameStandardError();
+  NameChannel(channel);
   execvp(program[0], program);
   const int result = errno == ENOENT ? kProgramNotFound : kProgramNotExecutable;
   std::fprintf(stderr, "heapscope: %s: %s\n", program[0], strerror(errno));
@@ -222,7 +236,16 @@ void ExplainMissingResult() {
   _exit(128 + signal);
 }
 
+// The program may have been killed: what its channel left is the launcher's to remove.
+[[noreturn]] void End(int status, const std::string& channel) {
+  if (!channel.empty()) heapscope::RemoveChannel(channel);
+  if (g_options.KeepsChildren()) heapscope::RemoveStaleChannels();
+  EndLike(status);
+}
+
 [[noreturn]] void RunProgram(char** program) {
+  // Without one, the program runs all the same.
+  const std::string channel = g_options.WantsChannel() ? heapscope::MakeChannel() : "";
   sigset_t passed, maskBefore;
   sigemptyset(&passed);
   for (const int signal : kPassedSignals) sigaddset(&passed, signal);
@@ -231,7 +254,7 @@ void ExplainMissingResult() {
   if (g_program < 0) FailWithError("cannot make a process");
   if (g_program == 0) {
     sigprocmask(SIG_SETMASK, &maskBefore, nullptr);
-    Become(program);
+    Become(program, channel);
   }
   struct sigaction action = {};
   action.sa_sigaction = PassOn;
@@ -245,7 +268,7 @@ void ExplainMissingResult() {
       if (errno == EINTR) continue;
       FailWithError("cannot wait for the program");
     }
-    if (!WIFSTOPPED(status)) EndLike(status);
+    if (!WIFSTOPPED(status)) End(status, channel);
     // Stopped together, and continued together.
     kill(getpid(), SIGSTOP);
     kill(g_program, SIGCONT);
@@ -264,6 +287,7 @@ int FindProgram(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc > 1 && heapscope::IsControl(argv[1])) return heapscope::Control(argc, argv);
   const int first = FindProgram(argc, argv);
   const bool hasDashes = first > 1 && std::strcmp(argv[first - 1], "--") == 0;
   g_options.Register();

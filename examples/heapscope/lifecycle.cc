@@ -12,10 +12,13 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 
+#include "examples/heapscope/commands.h"
 #include "examples/heapscope/internal.h"
+#include "examples/heapscope/timeline.h"
 #include "host/host.h"
 #include "zelrt/runtime.h"
 
@@ -34,13 +37,18 @@ void BeforeFork() { HoldRecords(); }
 void AfterForkInParent() { ReleaseRecords(); }
 
 void AfterForkInChild() {
-  StartChildRecords();
+  FreeTimelineInChild();
+  GiveUpThreadPlaces();
+  StartRecordsAnew();
+  ForgetChannelInChild();
   g_process.forkedFrom = g_process.id;
   g_process.id = getpid();
   g_process.startedMs = NowMs();
+  g_process.resetMs = 0;
   g_hasReported.store(!g_options.KeepsChildren());
   KeepOutputInChild();
   StartChildLog();
+  StartChildResult();
   ReleaseRecords();
 }
 
@@ -78,6 +86,7 @@ void HideFromChildren() {
   }
   unsetenv(Options::kVariable);
   unsetenv("HEAPSCOPE_STDERR");
+  unsetenv(kChannelVariable);
 }
 
 void AtExit(int, void*) { ReportOnce(); }
@@ -93,6 +102,7 @@ void AtQuickExit() { ReportOnce(); }
     NoteEndOfEarlyAllocations();
     OpenOutput();
     LogStart();
+    OpenChannel();
     if (!g_options.KeepsChildren()) HideFromChildren();
     on_exit(AtExit, nullptr);
     at_quick_exit(AtQuickExit);
@@ -129,11 +139,16 @@ void ReportOnce() {
     return;
   if (g_hasReported.exchange(true)) return;
   const InsideCollector inside;
-  Figures figures;
-  ReadFigures(&figures);
   // A signal handler that interrupted the collector ends the process: nothing that needs a lock.
   if (inside.IsOutermost()) {
-    WriteResult(figures);
+    CloseChannel();
+    NoteTime();
+  }
+  Figures figures;
+  ReadFigures(&figures);
+  if (inside.IsOutermost()) {
+    char path[PATH_MAX];
+    if (ResultFilePath(path, sizeof path)) WriteResult(Occasion::kEnd, figures, path);
     LogEnd(figures);
   }
   WriteSummary(figures);

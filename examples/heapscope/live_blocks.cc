@@ -25,16 +25,16 @@ bool Unpack(const void* packed, LiveBlock* block) {
 
 // A granule of the program's addresses is a block of 4 KiB in the table: it is stored in one piece,
 // and hashes better than small ones do.
-constexpr uint32_t kGranuleBits = 3;  // no allocator aligns to less
 constexpr uint32_t kTableBits = 12;
 
 struct Range {
   explicit Range(uintptr_t address)
-      : start(address >> kGranuleBits << kTableBits), end(start + (uint64_t{1} << kTableBits)) {}
+      : start(address / LiveBlocks::kGranule << kTableBits),
+        end(start + (uint64_t{1} << kTableBits)) {}
   const uint64_t start;
   const uint64_t end;
 };
-bool IsGranule(uintptr_t address) { return address % (1u << kGranuleBits) == 0; }
+bool IsGranule(uintptr_t address) { return address % LiveBlocks::kGranule == 0; }
 
 }  // namespace
 
@@ -47,6 +47,13 @@ bool LiveBlocks::Insert(uintptr_t address, LiveBlock block) {
                                    0, nullptr);
   }
   __ZelInsertRangeTableEntry(table_, range.start, range.end, Pack(block));
+  if (block.size >= kLarge) [[unlikely]] {
+    if (large_ == nullptr) {
+      large_ =
+          __ZelCreateRedBlackTree(CategoryOf(OwnMemory::kLiveBlocks), nullptr, nullptr, nullptr);
+    }
+    __ZelInsertRedBlackEntry(large_, address, nullptr);
+  }
   ++count_;
   return true;
 }
@@ -55,6 +62,8 @@ bool LiveBlocks::Remove(uintptr_t address, LiveBlock* block) {
   if (!Find(address, block)) return false;
   const Range range(address);
   __ZelRemoveRangeTableEntry(table_, range.start, range.end);
+  if (block->size >= kLarge) [[unlikely]]
+    __ZelRemoveRedBlackEntry(__ZelGetRedBlackRangeEnd(large_, address));
   --count_;
   return true;
 }
@@ -62,6 +71,11 @@ bool LiveBlocks::Remove(uintptr_t address, LiveBlock* block) {
 bool LiveBlocks::Find(uintptr_t address, LiveBlock* block) const {
   return table_ != nullptr && IsGranule(address) &&
          Unpack(__ZelLookupRangeTable(table_, Range(address).start, nullptr, nullptr), block);
+}
+
+bool LiveBlocks::FindLargeBefore(uintptr_t* address, LiveBlock* block) const {
+  return __ZelGetRedBlackKey(__ZelGetRedBlackRangeEnd(large_, *address), address) != 0 &&
+         Find(*address, block);
 }
 
 }  // namespace heapscope

@@ -11,6 +11,7 @@
 #include <cstdint>
 
 #include "zelrt/range_table.h"
+#include "zelrt/red_black_tree.h"
 
 namespace heapscope {
 
@@ -21,6 +22,8 @@ struct LiveBlock {
 
 class LiveBlocks {
  public:
+  static constexpr uintptr_t kGranule = 8;  // no allocator aligns to less
+  static constexpr size_t kLarge = 64 * 1024;
   static constexpr uint32_t kMaxBlocks = 200'000;  // what the reserve can double: own_memory.cc
 
   // For a block that is not there. False when memory is short, or the table full.
@@ -31,8 +34,13 @@ class LiveBlocks {
 
   bool Find(uintptr_t address, LiveBlock* block) const;
 
+  // The last block of at least kLarge bytes that starts at or before the address, which becomes its
+  // start.
+  bool FindLargeBefore(uintptr_t* address, LiveBlock* block) const;
+
  private:
-  ZelRangeTable* table_ = nullptr;  // made for the first block
+  ZelRangeTable* table_ = nullptr;    // made for the first block
+  ZelRedBlackTree* large_ = nullptr;  // starts of the large blocks, to find one from within
   uint32_t count_ = 0;
 };
 

@@ -47,6 +47,10 @@ void Options::Register() {
       nullptr, 0, 0, 1);
   children_ = __ZelRegisterBooleanOption(parser_, "-children",
                                          "Watch the program's child processes too", 0, 0, 1);
+  channel_ = __ZelRegisterBooleanOption(
+      parser_, "-channel", "Take commands while the program runs, by a thread of its own", 1, 0, 1);
+  heartbeat_ = __ZelRegisterIntegerOption(
+      parser_, "-heartbeat", "Seconds between saves of the result meanwhile; 0 for none", 1, 0, 1);
   dump_ = __ZelRegisterStringOption(parser_, "-dump", "Debug channels of the library", nullptr, 0,
                                     0, 0);
   help_ = __ZelRegisterBooleanOption(parser_, "-help", "Show this help", 0, 0, 1);
@@ -80,6 +84,10 @@ uint32_t Options::Depth() const {
   return static_cast<uint32_t>(__ZelGetIntegerOptionValue(parser_, depth_));
 }
 bool Options::KeepsChildren() const { return __ZelGetBooleanOptionValue(parser_, children_) != 0; }
+bool Options::WantsChannel() const { return __ZelGetBooleanOptionValue(parser_, channel_) != 0; }
+uint32_t Options::HeartbeatSeconds() const {
+  return static_cast<uint32_t>(__ZelGetIntegerOptionValue(parser_, heartbeat_));
+}
 bool Options::WantsHelp() const { return __ZelGetBooleanOptionValue(parser_, help_) != 0; }
 const char* Options::OutDirectory() const { return __ZelGetPathOptionValue(parser_, out_); }
 const char* Options::LogPattern() const { return __ZelGetPathOptionValue(parser_, log_); }

@@ -30,6 +30,8 @@ class Options {
   uint32_t Depth() const;
   bool KeepsChildren() const;
   bool WantsHelp() const;
+  bool WantsChannel() const;
+  uint32_t HeartbeatSeconds() const;  // 0: none
   // Null when it was not given.
   const char* OutDirectory() const;
   const char* LogPattern() const;
@@ -48,6 +50,8 @@ class Options {
   uint32_t summary_ = 0;
   uint32_t dump_ = 0;
   uint32_t children_ = 0;
+  uint32_t channel_ = 0;
+  uint32_t heartbeat_ = 0;
   uint32_t help_ = 0;
 };
 

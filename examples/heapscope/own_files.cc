@@ -25,10 +25,11 @@ constexpr char kLog[] = "log";
 constinit OwnDescriptor g_latestStream = {};
 
 // False when there is no directory.
-bool PathInDirectory(const char* kind, char* path, size_t size) {
+bool PathInDirectory(const char* ending, char* path, size_t size) {
   const char* const directory = g_options.OutDirectory();
   if (directory == nullptr) return false;
-  const int length = std::snprintf(path, size, "%s/heapscope.%d.%s", directory, g_process.id, kind);
+  const int length =
+      std::snprintf(path, size, "%s/heapscope.%d.%s", directory, g_process.id, ending);
   return length > 0 && static_cast<size_t>(length) < size;
 }
 
@@ -47,8 +48,15 @@ bool LogFilePath(char* path, size_t size) {
 
 bool ResultFilePath(char* path, size_t size) { return PathInDirectory(kResult, path, size); }
 
+bool SnapshotFilePath(uint32_t number, char* path, size_t size) {
+  char ending[32];
+  std::snprintf(ending, sizeof ending, "%u.%s", number, kResult);
+  return PathInDirectory(ending, path, size);
+}
+
 FILE* OpenOwnStream(const char* path, const char* mode) {
   const int emptyOrEnd = mode[0] == 'w' ? O_TRUNC : O_APPEND;
+  // This library's own open: a descriptor that the program does not come upon.
   const int opened = open(path, O_WRONLY | O_CREAT | O_CLOEXEC | emptyOrEnd, 0666);
   if (opened < 0) return nullptr;
   const bool isDuplicated = g_latestStream.Duplicate(opened);

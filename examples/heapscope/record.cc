@@ -7,6 +7,9 @@
 //
 // Calls that have no block (failures, and null given to free) count in the shard of address 0.
 //
+// While counting is paused, what is allocated goes by; what is freed counts if it had been counted.
+// So from the first pause on a free of an unknown block is nothing to wonder at.
+//
 // While a process forks, the shards are locked from before the fork to after it. The C library
 // takes locks of its own meanwhile, and may have to wait for a thread that has one of those and
 // waits here: an allocation of a lookup in the name service, say. So waiting threads lose patience,
@@ -19,6 +22,7 @@
 #include "examples/heapscope/live_blocks.h"
 #include "examples/heapscope/sites.h"
 #include "examples/heapscope/threads.h"
+#include "examples/heapscope/timeline.h"
 #include "host/host.h"
 #include "zelrt/locks.h"
 #include "zelrt/runtime.h"
@@ -53,6 +57,8 @@ struct ClassCounters {
   Counter allocatedBytes;
   Counter frees;
   Counter freedBytes;
+  Counter temporaries;
+  Counter temporaryBytes;
 };
 
 struct Counters {
@@ -75,9 +81,13 @@ struct alignas(64) LoneLevel : Level {};
 constinit Shard g_shards[kShards] = {};
 constinit LoneLevel g_classLevels[kSizeClasses] = {};
 constinit LoneLevel g_totalLevel = {};
-constinit Amount g_inherited[kSizeClasses] = {};  // changes only where there is one thread
+constinit ZelSpinLock g_forkGate = {};
+constinit Amount g_inherited[kSizeClasses] = {};  // changes under all shards' locks
 constinit Amount g_early = {};
 constinit std::atomic<uint64_t> g_unrecorded{0};
+constinit std::atomic<bool> g_isPaused{false};
+constinit std::atomic<bool> g_wasPaused{false};
+constinit std::atomic<uint64_t> g_leftOut{0};
 constinit std::atomic<int64_t> g_shardsHeldSince{0};  // 0: not held for a fork
 
 uint32_t Self() { return static_cast<uint32_t>(zelhost::NativeThreadId()); }
@@ -99,9 +109,9 @@ Shard& ShardOf(uintptr_t address) {
 }
 
 // False when a fork keeps it for too long.
-bool AcquireShard(Shard& shard) {
+bool AcquireUnlessForking(ZelSpinLock& lock) {
   const uint32_t self = Self();
-  while (__ZelTryToAcquireSpinLockTid(&shard.lock, kTriesUntilYield, self) == 0) {
+  while (__ZelTryToAcquireSpinLockTid(&lock, kTriesUntilYield, self) == 0) {
     if (ForkTakesTooLong()) return false;
     __ZelYield();
   }
@@ -114,7 +124,7 @@ class ShardHold {
   explicit ShardHold(const void* block)
       : address_(reinterpret_cast<uintptr_t>(block)),
         shard_(ShardOf(address_)),
-        isHeld_(AcquireShard(shard_)) {
+        isHeld_(AcquireUnlessForking(shard_.lock)) {
     if (!isHeld_) [[unlikely]]
       g_unrecorded.fetch_add(1, std::memory_order_relaxed);
   }
@@ -160,6 +170,37 @@ void CountAllocated(Counters& counters, LiveBlock block) {
   g_totalLevel.Raise(block.size);
 }
 
+// The block that the thread allocated last, until it frees one.
+constinit thread_local const void* t_latest = nullptr;
+
+void CountTemporary(Counters& counters, LiveBlock block) {
+  SiteAt(block.site).CountTemporary(block.size);
+  ClassCounters& sizeClass = counters.classes[SizeClassOf(block.size)];
+  sizeClass.temporaries.Add(1);
+  sizeClass.temporaryBytes.Add(block.size);
+}
+
+bool IsLeftOut() {
+  if (!g_isPaused.load(std::memory_order_relaxed)) [[likely]]
+    return false;
+  g_leftOut.fetch_add(1, std::memory_order_relaxed);
+  return true;
+}
+
+// Whether a free of a block that is not in the table is to be expected.
+bool MayBeLeftOut() {
+  if (!g_wasPaused.load(std::memory_order_relaxed)) [[likely]]
+    return false;
+  g_leftOut.fetch_add(1, std::memory_order_relaxed);
+  return true;
+}
+
+void NoteUnknownFree(const ShardHold& hold, uintptr_t address) {
+  if (MayBeLeftOut()) return;
+  hold.Counts().unknownFrees.Add(1);
+  LogProblem(Problem::kUnknownFree, address, 0);
+}
+
 void Track(const ShardHold& hold, const CallPath& path, size_t size) {
   if (LiveBlock old; hold.Blocks().Remove(hold.Address(), &old)) [[unlikely]] {
     // Whatever freed the old block, it did not come by here.
@@ -184,15 +225,21 @@ void Add(Amount& sum, Amount amount) {
 }  // namespace
 
 void RecordAllocation(Function function, const Caller& caller, const void* block, size_t size) {
+  if (IsLeftOut()) return;
   CallPath path;
   CaptureCallPath(caller, &path);
-  const ShardHold hold(block);
-  if (!hold.IsHeld()) return;
-  CountCall(hold.Counts(), function);
-  Track(hold, path, size);
+  {
+    const ShardHold hold(block);
+    if (!hold.IsHeld()) return;
+    CountCall(hold.Counts(), function);
+    Track(hold, path, size);
+  }
+  t_latest = block;
+  NoteTimeNowAndThen();
 }
 
 void RecordFailure(Function function, size_t size) {
+  if (IsLeftOut()) return;
   const ShardHold hold(nullptr);
   if (!hold.IsHeld()) return;
   CountCall(hold.Counts(), function);
@@ -207,10 +254,11 @@ void RecordFree(const void* block) {
   if (block == nullptr) return;
   if (LiveBlock freed; hold.Blocks().Remove(hold.Address(), &freed)) [[likely]] {
     CountFreed(hold.Counts(), freed);
+    if (block == t_latest) CountTemporary(hold.Counts(), freed);
   } else {
-    hold.Counts().unknownFrees.Add(1);
-    LogProblem(Problem::kUnknownFree, hold.Address(), 0);
+    NoteUnknownFree(hold, hold.Address());
   }
+  t_latest = nullptr;
 }
 
 TakenBlock TakeBlock(const void* block) {
@@ -245,19 +293,52 @@ void RecordReallocation(Function function, const Caller& caller, const void* old
   if (taken.isKnown) {
     CountFreed(hold.Counts(), {taken.site, taken.size});
   } else {
-    hold.Counts().unknownFrees.Add(1);
-    LogProblem(Problem::kUnknownFree, reinterpret_cast<uintptr_t>(old), 0);
+    NoteUnknownFree(hold, reinterpret_cast<uintptr_t>(old));
   }
-  if (block != nullptr) Track(hold, path, size);
+  t_latest = block;
+  if (block != nullptr && !IsLeftOut()) Track(hold, path, size);
 }
 
-NoForkMeanwhile::NoForkMeanwhile() : isHeld_(AcquireShard(ShardOf(0))) {}
+void PauseRecords() {
+  g_wasPaused.store(true);
+  g_isPaused.store(true);
+}
+void ResumeRecords() { g_isPaused.store(false); }
+bool AreRecordsPaused() { return g_isPaused.load(); }
+
+bool FindBlockAround(uintptr_t address, BlockAround* found) {
+  // Small blocks begin shortly before, large ones are in a list of each shard.
+  const auto holds = [&](uintptr_t start, LiveBlock block) {
+    if (address - start >= std::max<size_t>(block.size, 1)) return false;
+    *found = {start, block.size, block.site};
+    return true;
+  };
+  LiveBlock block;
+  const uintptr_t last = address & ~(LiveBlocks::kGranule - 1);
+  for (uintptr_t back = 0; back < LiveBlocks::kLarge && back <= last;
+       back += LiveBlocks::kGranule) {
+    const ShardHold hold(reinterpret_cast<void*>(last - back));
+    if (!hold.IsHeld()) return false;
+    if (hold.Blocks().Find(hold.Address(), &block) && holds(hold.Address(), block)) return true;
+  }
+  for (Shard& shard : g_shards) {
+    if (!AcquireUnlessForking(shard.lock)) return false;
+    uintptr_t start = address;
+    const bool isThere = shard.blocks.FindLargeBefore(&start, &block) && holds(start, block);
+    __ZelReleaseSpinLock(&shard.lock);
+    if (isThere) return true;
+  }
+  return false;
+}
+
+NoForkMeanwhile::NoForkMeanwhile() : isHeld_(AcquireUnlessForking(g_forkGate)) {}
 NoForkMeanwhile::~NoForkMeanwhile() {
-  if (isHeld_) __ZelReleaseSpinLock(&ShardOf(0).lock);
+  if (isHeld_) __ZelReleaseSpinLock(&g_forkGate);
 }
 
 void HoldRecords() {
   const uint32_t self = Self();
+  __ZelAcquireSpinLockTid(&g_forkGate, self);
   for (Shard& shard : g_shards) __ZelAcquireSpinLockTid(&shard.lock, self);
   g_shardsHeldSince.store(NowNs(), std::memory_order_relaxed);
 }
@@ -265,9 +346,10 @@ void HoldRecords() {
 void ReleaseRecords() {
   g_shardsHeldSince.store(0, std::memory_order_relaxed);
   for (Shard& shard : g_shards) __ZelReleaseSpinLock(&shard.lock);
+  __ZelReleaseSpinLock(&g_forkGate);
 }
 
-void StartChildRecords() {
+void StartRecordsAnew() {
   Figures figures;
   ReadFigures(&figures);
   for (uint32_t i = 0; i < kSizeClasses; ++i) {
@@ -276,8 +358,10 @@ void StartChildRecords() {
   }
   g_totalLevel.ForgetPeak();
   g_unrecorded.store(0);
-  StartChildThreads();
-  StartChildSites();
+  g_leftOut.store(0);
+  ResetThreads();
+  StartSitesAnew();
+  ForgetTimeline();
   for (Shard& shard : g_shards) {
     Counters& counters = shard.counters;
     for (Counter& calls : counters.calls) calls.Reset();
@@ -290,6 +374,8 @@ void StartChildRecords() {
       sizeClass.allocatedBytes.Reset();
       sizeClass.frees.Reset();
       sizeClass.freedBytes.Reset();
+      sizeClass.temporaries.Reset();
+      sizeClass.temporaryBytes.Reset();
     }
   }
 }
@@ -297,6 +383,7 @@ void StartChildRecords() {
 void ReadFigures(Figures* figures) {
   *figures = {};
   figures->unrecorded = g_unrecorded.load(std::memory_order_relaxed);
+  figures->leftOut = g_leftOut.load(std::memory_order_relaxed);
   for (const Shard& shard : g_shards) {
     const Counters& counters = shard.counters;
     for (size_t i = 0; i < kFunctions; ++i) figures->calls[i] += counters.calls[i].Get();
@@ -309,6 +396,7 @@ void ReadFigures(Figures* figures) {
   for (const Shard& shard : g_shards) {
     for (uint32_t i = 0; i < kSizeClasses; ++i) {
       const ClassCounters& from = shard.counters.classes[i];
+      Add(figures->classes[i].temporary, {from.temporaries.Get(), from.temporaryBytes.Get()});
       Add(figures->classes[i].freed, {from.frees.Get(), from.freedBytes.Get()});
     }
   }
@@ -325,6 +413,7 @@ void ReadFigures(Figures* figures) {
     Add(figures->total.inherited, figuresOfClass.inherited);
     Add(figures->total.allocated, figuresOfClass.allocated);
     Add(figures->total.freed, figuresOfClass.freed);
+    Add(figures->total.temporary, figuresOfClass.temporary);
   }
   figures->total.peakBytes = g_totalLevel.Peak();
 }

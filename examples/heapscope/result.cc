@@ -3,8 +3,11 @@
 // Text from outside stands in elements, cleaned of what a document must not hold; attributes hold
 // numbers and names of the collector's own.
 //
-// This file alone is compiled with exceptions, for those of the standard library when there is no
-// memory: the result file then breaks off.
+// A file is written beside its place and renamed when it is whole, so that whoever reads while the
+// program runs never sees half of one.
+//
+// Compiled with exceptions, for those of the standard library when there is no memory: the result
+// file then breaks off.
 
 #include <fcntl.h>
 #include <link.h>
@@ -15,6 +18,7 @@
 
 #include "examples/heapscope/annotations.h"
 #include "examples/heapscope/internal.h"
+#include "examples/heapscope/timeline.h"
 #include "examples/heapscope/writing.h"
 #include "examples/heapscope/xml_text.h"
 #include "zelrt/xml_writer.hpp"
@@ -22,7 +26,9 @@
 namespace heapscope {
 namespace {
 
-constexpr int kFormat = 2;
+constexpr int kFormat = 3;
+constexpr const char* kOccasions[] = {"end", "snapshot", "heartbeat"};
+constexpr char kRoot[] = "heapscope_result";
 constexpr size_t kMaxText = 4096;
 constexpr size_t kMaxCommandLine = 16 * 1024;  // longer ones are cut off
 
@@ -42,6 +48,7 @@ void WriteAmount(ZelXmlWriter& result, const char* name, const Amount& amount) {
 void WriteFlow(ZelXmlWriter& result, const Flow& flow) {
   WriteAmount(result, "allocated", flow.allocated);
   WriteAmount(result, "freed", flow.freed);
+  WriteAmount(result, "temporary", flow.temporary);
   WriteAmount(result, "live", flow.Live());
   result.startElement("peak", false).writeAttribute("bytes", 0ULL + flow.peakBytes).endElement();
 }
@@ -70,6 +77,8 @@ void WriteProcess(ZelXmlWriter& result) {
     result.writeElement("forked_from", static_cast<uint32_t>(g_process.forkedFrom));
   result.writeElement("started_ms", static_cast<uint64_t>(g_process.startedMs))
       .writeElement("ended_ms", static_cast<uint64_t>(NowMs()));
+  if (g_process.resetMs != 0)
+    result.writeElement("reset_ms", static_cast<uint64_t>(g_process.resetMs));
   WriteText(result, "name", g_process.name);
   WriteText(result, "executable", ReadExecutable(executable, sizeof executable));
   WriteCommandLine(result);
@@ -78,12 +87,30 @@ void WriteProcess(ZelXmlWriter& result) {
 
 void WriteTotals(ZelXmlWriter& result, const Flow& total) {
   result.startElement("totals", true);
-  if (g_process.forkedFrom != 0) {
+  if (g_process.HasInherited()) {
     WriteAmount(result, "inherited", total.inherited);
   } else {
     WriteAmount(result, "allocated_at_load", EarlyAllocations());
   }
   WriteFlow(result, total);
+  result.endElement();
+}
+
+void WritePoint(const TimelinePoint& point, void* result) {
+  static_cast<ZelXmlWriter*>(result)
+      ->startElement("point", false)
+      .writeAttribute("at_ms", 0ULL + point.atMs)
+      .writeAttribute("live_blocks", 0ULL + point.liveBlocks)
+      .writeAttribute("live_bytes", 0ULL + point.liveBytes)
+      .writeAttribute("allocated_blocks", 0ULL + point.allocatedBlocks)
+      .writeAttribute("allocated_bytes", 0ULL + point.allocatedBytes)
+      .writeAttribute("own_bytes", 0ULL + point.ownBytes)
+      .endElement();
+}
+
+void WriteTimeline(ZelXmlWriter& result) {
+  result.startElement("timeline", true);
+  ReadTimeline(WritePoint, &result);
   result.endElement();
 }
 
@@ -106,6 +133,7 @@ void WriteProblems(ZelXmlWriter& result, const Figures& figures) {
       .writeElement("frees_not_seen", figures.unseenFrees)
       .writeElement("blocks_not_counted", figures.untracked)
       .writeElement("calls_not_counted", figures.unrecorded)
+      .writeElement("calls_left_out_by_pause", figures.leftOut)
       .endElement();
 }
 
@@ -116,7 +144,7 @@ void WriteClasses(ZelXmlWriter& result, const Flow* classes) {
     if (figures.allocated.blocks == 0 && figures.inherited.blocks == 0) continue;
     result.startElement("size_class", false);
     if (i != kSizeClasses - 1) result.writeAttribute("up_to", 0ULL + LargestInClass(i));
-    if (g_process.forkedFrom != 0) WriteAmount(result, "inherited", figures.inherited);
+    if (g_process.HasInherited()) WriteAmount(result, "inherited", figures.inherited);
     WriteFlow(result, figures);
     result.endElement();
   }
@@ -165,7 +193,7 @@ void WriteModules(ZelXmlWriter& result) {
 
 void WriteSite(ZelXmlWriter& result, const SiteFigures& site) {
   result.startElement("site", true);
-  if (g_process.forkedFrom != 0) WriteAmount(result, "inherited", site.inherited);
+  if (g_process.HasInherited()) WriteAmount(result, "inherited", site.inherited);
   WriteFlow(result, site);
   for (uint64_t i = 0; site.path != nullptr && i < site.path->count; ++i) {
     const Place place = site.path->Places()[i];
@@ -177,9 +205,8 @@ void WriteSite(ZelXmlWriter& result, const SiteFigures& site) {
   result.endElement();
 }
 
-void WriteSites(ZelXmlWriter& result) {
+void WriteSites(ZelXmlWriter& result, uint32_t sites) {
   result.startElement("sites", true);
-  const uint32_t sites = NumberOfSites();
   for (uint32_t number = 0; number < sites; ++number) {
     const SiteFigures figures = ReadSite(number);
     if (figures.allocated.blocks != 0 || figures.inherited.blocks != 0) WriteSite(result, figures);
@@ -245,38 +272,77 @@ void WriteOwnMemory(ZelXmlWriter& result) {
   result.endElement();
 }
 
-void WriteDocument(const char* path, const Figures& figures, const std::string& loaded) {
+bool WriteDocument(const char* path, Occasion occasion, const Figures& figures,
+                   const std::string& loaded) {
   ZelXmlWriter result;
-  if (!result.create(path, false)) return;
-  result.startElement("heapscope_result", false).writeAttribute("format", kFormat);
+  if (!result.create(path, false)) return false;
+  result.startElement(kRoot, false)
+      .writeAttribute("format", kFormat)
+      .writeStrAttribute("written", kOccasions[static_cast<size_t>(occasion)]);
   WriteProcess(result);
   WriteTotals(result, figures.total);
+  WriteTimeline(result);
   WriteCalls(result, figures);
   WriteProblems(result, figures);
   WriteClasses(result, figures.classes);
   WriteThreads(result);
+  // The sites that are there now: later ones may lie in later modules.
+  const uint32_t sites = NumberOfSites();
   WriteModules(result);
-  WriteSites(result);
+  WriteSites(result, sites);
   WriteAnnotations(result, loaded);
   WriteOwnMemory(result);
   result.close();
+  return true;
+}
+
+// The stream does not tell of what it could not write.
+bool IsWhole(const char* path) {
+  const std::string end = std::string("</") + kRoot + ">";
+  std::string tail(end.size() + 1, '\0');  // and the end of the line
+  const int file = open(path, O_RDONLY | O_CLOEXEC);
+  if (file < 0) return false;
+  const off_t size = lseek(file, 0, SEEK_END);
+  const auto from = size - static_cast<off_t>(tail.size());
+  const bool isRead =
+      from >= 0 && pread(file, tail.data(), tail.size(), from) == static_cast<ssize_t>(tail.size());
+  close(file);
+  return isRead && tail.find(end) != std::string::npos;
+}
+
+// Set at the end, after which no earlier figures may come.
+constinit bool g_hasEnded = false;  // under the lock of the files
+
+bool WriteInPlace(Occasion occasion, const Figures& figures, const char* path,
+                  const std::string& loaded) {
+  if (g_hasEnded || !HasMemoryForFiles()) return false;
+  g_hasEnded = occasion == Occasion::kEnd;
+  const std::string unfinished = std::string(path) + ".part";
+  if (!WriteDocument(unfinished.c_str(), occasion, figures, loaded)) return false;
+  const bool isWhole = IsWhole(unfinished.c_str());
+  // Something is better than nothing.
+  const bool isWanted = isWhole || (g_hasEnded && access(path, F_OK) != 0);
+  if (isWanted && rename(unfinished.c_str(), path) == 0) return isWhole;
+  unlink(unfinished.c_str());
+  return false;
 }
 
 }  // namespace
 
-void WriteResult(const Figures& figures) {
-  char path[PATH_MAX];
-  if (!ResultFilePath(path, sizeof path)) return;
+bool WriteResult(Occasion occasion, const Figures& figures, const char* path) {
   try {
     const ArenaUse arena;
     // Before any lock: a thread that unloads a library frees memory under the loader's.
     const std::string loaded = PathsOfLoadedFiles();
     const NoForkMeanwhile noFork;
-    if (!noFork.IsHeld()) return;
+    if (!noFork.IsHeld()) return false;
     const Writing writing;
-    if (HasMemoryForFiles()) WriteDocument(path, figures, loaded);
+    return WriteInPlace(occasion, figures, path, loaded);
   } catch (...) {
+    return false;
   }
 }
+
+void StartChildResult() { g_hasEnded = false; }
 
 }  // namespace heapscope

@@ -163,7 +163,7 @@ uint32_t FindSite(const CallPath& path) {
   return static_cast<uint32_t>(memory.site);
 }
 
-void StartChildSites() {
+void StartSitesAnew() {
   const uint32_t sites = NumberOfSites();
   for (uint32_t i = 0; i < sites; ++i) SiteAt(i).StartAnew();
 }
@@ -184,6 +184,8 @@ SiteFigures Site::Read() const {
   SiteFigures figures = {};
   figures.path = path_.load(std::memory_order_acquire);
   figures.inherited = inherited_;
+  figures.temporary = {temporaries_.load(std::memory_order_acquire),
+                       temporaryBytes_.load(std::memory_order_acquire)};
   // Frees first, as each one's allocation was counted before it.
   figures.freed.blocks = frees_.load(std::memory_order_acquire);
   const uint64_t live = live_.Live();
@@ -201,6 +203,8 @@ void Site::StartAnew() {
   allocations_.store(0, std::memory_order_relaxed);
   allocatedBytes_.store(0, std::memory_order_relaxed);
   frees_.store(0, std::memory_order_relaxed);
+  temporaries_.store(0, std::memory_order_relaxed);
+  temporaryBytes_.store(0, std::memory_order_relaxed);
   live_.ForgetPeak();
 }
 

@@ -19,6 +19,11 @@ class alignas(64) Site {
     frees_.fetch_add(1, std::memory_order_relaxed);
     live_.Lower(size);
   }
+  // Freed by the thread that had allocated it, and nothing else since.
+  void CountTemporary(size_t size) {
+    temporaries_.fetch_add(1, std::memory_order_relaxed);
+    temporaryBytes_.fetch_add(size, std::memory_order_relaxed);
+  }
   void StartAnew();  // with what is live as inherited; no other thread may count
   SiteFigures Read() const;
 
@@ -32,8 +37,11 @@ class alignas(64) Site {
   std::atomic<uint64_t> frees_{0};
   Level live_;
   Amount inherited_ = {0, 0};
+  // On a line of their own: few calls come here.
+  std::atomic<uint64_t> temporaries_{0};
+  std::atomic<uint64_t> temporaryBytes_{0};
 };
-static_assert(sizeof(Site) == 64);
+static_assert(sizeof(Site) == 128);
 
 inline constexpr uint32_t kSiteBits = 20;
 

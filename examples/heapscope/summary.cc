@@ -65,6 +65,7 @@ void AddHeading() {
   g_text.Add("heapscope: %s, process %d", g_process.name, g_process.id);
   if (g_process.forkedFrom != 0)
     g_text.Add(", forked from %d: counts from there on", g_process.forkedFrom);
+  if (g_process.resetMs != 0) g_text.Add(", counts from its reset on");
   g_text.Add("\n\n");
 }
 
@@ -75,9 +76,9 @@ void AddAmount(const char* name, const Amount& amount) {
 
 void AddTotals(const Flow& total) {
   g_text.Add("  %-12s %16s %20s\n", "", "blocks", "bytes");
-  if (g_process.forkedFrom != 0) AddAmount("inherited", total.inherited);
+  if (g_process.HasInherited()) AddAmount("inherited", total.inherited);
   AddAmount("allocated", total.allocated);
-  if (g_process.forkedFrom == 0) AddAmount("  at load", EarlyAllocations());
+  if (!g_process.HasInherited()) AddAmount("  at load", EarlyAllocations());
   AddAmount("freed", total.freed);
   AddAmount("live at end", total.Live());
   g_text.Add("  %-12s %16s %20s\n", "live at peak", "", Grouped(total.peakBytes).Text());
@@ -103,6 +104,7 @@ void AddIrregularities(const Figures& figures) {
       {"blocks whose free was not seen", figures.unseenFrees},
       {"blocks not counted, for want of memory", figures.untracked},
       {"calls not counted, because of a slow fork", figures.unrecorded},
+      {"calls left out by a pause", figures.leftOut},
   };
   for (const auto& line : lines) {
     if (line.count != 0) g_text.Add("  %s: %s\n", line.text, Grouped(line.count).Text());

@@ -36,8 +36,12 @@ uint32_t ThreadsSeen() { return g_placesAsked.load(std::memory_order_relaxed); }
 uint32_t ThreadPlaces() { return std::min(ThreadsSeen(), kMaxThreads + 1); }
 ThreadFigures ReadThread(uint32_t place) { return g_threads[place].Read(); }
 
-void StartChildThreads() {
+void ResetThreads() {
   for (uint32_t place = 0; place < ThreadPlaces(); ++place) g_threads[place].Reset();
+}
+
+void GiveUpThreadPlaces() {
+  for (uint32_t place = 0; place < ThreadPlaces(); ++place) g_threads[place].TakeFor(0);
   g_placesAsked.store(0);
   t_counters = nullptr;
 }

@@ -22,7 +22,6 @@ class ThreadCounters {
   void Reset() {
     for (auto* const counter : {&allocations_, &allocatedBytes_, &frees_, &freedBytes_})
       counter->store(0, std::memory_order_relaxed);
-    thread_.store(0, std::memory_order_relaxed);
   }
 
   ThreadFigures Read() const {

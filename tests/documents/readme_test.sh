@@ -2,11 +2,12 @@
 # Compiles and runs the collector that the README shows.
 # Arguments: the source folder, the built library's folder, the C++ compiler.
 set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/program.sh"
 source_dir=$1 library_dir=$2 compiler=$3
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-sed -n '/^```cpp$/,/^```$/p' "$source_dir/README.md" | sed '/^```/d' >"$work/collector.cc"
+program_in "$source_dir/README.md" >"$work/collector.cc"
 "$compiler" -std=c++20 -Wall -Wextra -pedantic -Werror -I "$source_dir/include" \
   "$work/collector.cc" -o "$work/collector" -L "$library_dir" -lzelrt -Wl,-rpath,"$library_dir" -pthread
 cd "$work"

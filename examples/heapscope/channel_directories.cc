@@ -1,0 +1,63 @@
+#include "examples/heapscope/channel_directories.h"
+
+#include <sys/sem.h>
+#include <sys/shm.h>
+
+#include <filesystem>
+#include <system_error>
+
+#include "examples/heapscope/commands.h"
+#include "zelrt/command_channels.hpp"
+#include "zelrt/command_controller.hpp"
+
+namespace heapscope {
+namespace {
+
+// Calls visit with the directory and the state of each channel that can be looked at.
+template <typename Visit>
+void ForEachChannel(Visit visit) {
+  std::error_code error;
+  const std::string prefix = std::string(kChannelName) + ".";
+  for (const auto& entry : std::filesystem::directory_iterator(zelrt::ChannelsDirectory(), error)) {
+    if (!entry.path().filename().string().starts_with(prefix)) continue;
+    zelrt::CommandController controller;
+    zelrt::ChannelState state;
+    if (controller.Open(entry.path()) == zelrt::ControlResult::kDone &&
+        controller.State(state) == zelrt::ControlResult::kDone)
+      visit(entry.path(), state);
+  }
+}
+
+}  // namespace
+
+std::string MakeChannel() {
+  std::string directory;
+  return zelrt::MakeChannelDirectory(kChannelName, directory) ? directory : "";
+}
+
+void RemoveChannel(const std::string& directory) {
+  {
+    zelrt::CommandController controller;
+    controller.Open(directory);
+    if (controller.segmentId() != -1) shmctl(controller.segmentId(), IPC_RMID, nullptr);
+    if (controller.semaphoreSet() != -1) semctl(controller.semaphoreSet(), 0, IPC_RMID);
+  }
+  std::error_code ignored;
+  std::filesystem::remove_all(directory, ignored);
+}
+
+void RemoveStaleChannels() {
+  ForEachChannel([](const std::string& directory, const zelrt::ChannelState& state) {
+    if (state.isStale) RemoveChannel(directory);
+  });
+}
+
+std::string FindChannel(int process) {
+  std::string found;
+  ForEachChannel([&](const std::string& directory, const zelrt::ChannelState& state) {
+    if (state.owner == process && !state.isStale) found = directory;
+  });
+  return found;
+}
+
+}  // namespace heapscope

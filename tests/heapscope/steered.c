@@ -1,0 +1,44 @@
+/* Does what it is told on standard input, a line each, and answers each line by one:
+ *   a SIZE      allocates, answers with the address
+ *   f ADDRESS   frees
+ *   t COUNT     allocates and frees so often
+ *   c           runs a child that ends by exit
+ *   e           ends by _exit, q by exit */
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+int main(void) {
+  static char input[BUFSIZ], output[BUFSIZ];
+  setvbuf(stdin, input, _IOFBF, sizeof input);
+  setvbuf(stdout, output, _IOLBF, sizeof output);
+  puts("ready");
+  char line[100];
+  while (fgets(line, sizeof line, stdin) != NULL) {
+    switch (line[0]) {
+      case 'a':
+        printf("%p\n", malloc(strtoul(line + 2, NULL, 0)));
+        break;
+      case 'f':
+        free((void*)strtoul(line + 2, NULL, 0));
+        puts("freed");
+        break;
+      case 't':
+        for (unsigned long i = strtoul(line + 2, NULL, 0); i > 0; --i) free(malloc(32));
+        puts("done");
+        break;
+      case 'c':
+        if (fork() == 0) exit(0);
+        wait(NULL);
+        puts("gone");
+        break;
+      case 'e':
+        _exit(7);
+      default:
+        return 3;
+    }
+  }
+  return 0;
+}
