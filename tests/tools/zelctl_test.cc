@@ -145,6 +145,16 @@ TEST_F(ZelctlTest, ReapRemovesWhatTheDeadLeftAndNothingElse) {
   ExpectStatus(0, "ping " + living.directory());
 }
 
+TEST_F(ZelctlTest, ReapIsNotLedToObjectsOfOthers) {
+  const std::string file = process_.directory() + "/" ZEL_COMMAND_LOCK_FILE;
+  process_.Kill();
+  if (chown(file.c_str(), 65534, 65534) != 0) GTEST_SKIP() << "only root can try";
+  ExpectStatus(1, "reap " + process_.directory());
+  semctl(process_.semaphoreSet(), 0, IPC_RMID);
+  ExpectStatus(0, "reap " + process_.directory());
+  EXPECT_TRUE(process_.HasObjects());
+}
+
 TEST_F(ZelctlTest, ReapTakesUpWhatAnotherLeftHalfDone) {
   shmctl(process_.segmentId(), IPC_RMID, nullptr);
   ExpectStatus(1, "reap " + process_.directory());  // it is alive, and waits

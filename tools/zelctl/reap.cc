@@ -55,7 +55,7 @@ std::string WhyIsSegmentInUse(const zelrt::CommandController& controller, pid_t&
   zelrt::ChannelState state = {};
   const bool isAlive = controller.State(state) == ControlResult::kDone
                            ? !state.isStale
-                           : owner == 0 || IsAlive(owner);
+                           : segment.shm_nattch > 0 && (owner == 0 || IsAlive(owner));
   return isAlive ? "process " + std::to_string(owner) + " is alive" : "";
 }
 
@@ -82,20 +82,24 @@ std::string WhyKept(const zelrt::CommandController& controller, ControlResult re
   return use.empty() ? UserOfSemaphores(controller.semaphoreSet(), owner) : use;
 }
 
-// Removals note what they did; what is not there any more is no failure.
+// Removals note what they did; what is not there any more is no failure. Objects go only when they
+// are of the lock file's owner: root must not be led to those of others.
 class Remover {
  public:
-  explicit Remover(Reaped& reaped) : reaped_(reaped) {}
+  Remover(uid_t owner, Reaped& reaped) : owner_(owner), reaped_(reaped) {}
 
   void Segment(int id) {
     shmid_ds segment;
     // It can have been removed, and the id given to another, since it was looked at.
     if (id == -1 || shmctl(id, IPC_STAT, &segment) != 0) return;
-    if (segment.shm_segsz != sizeof(ZelCommandSegment)) return;
+    if (segment.shm_segsz != sizeof(ZelCommandSegment) || segment.shm_perm.cuid != owner_) return;
     Note(shmctl(id, IPC_RMID, nullptr) == 0, "segment " + std::to_string(id));
   }
   void Semaphores(int set) {
-    if (set != -1) Note(semctl(set, 0, IPC_RMID) == 0, "semaphores " + std::to_string(set));
+    semid_ds semaphores;
+    if (set == -1 || semctl(set, 0, IPC_STAT, &semaphores) != 0) return;
+    if (semaphores.sem_perm.cuid != owner_) return;
+    Note(semctl(set, 0, IPC_RMID) == 0, "semaphores " + std::to_string(set));
   }
   void File(const std::string& path) { Note(unlink(path.c_str()) == 0, path); }
 
@@ -121,6 +125,7 @@ class Remover {
     }
   }
 
+  uid_t owner_;
   Reaped& reaped_;
 };
 
@@ -147,7 +152,9 @@ Reaped ReapChannel(const std::string& directory) {
   const int segment = controller.segmentId();
   const int semaphores = controller.semaphoreSet();
   controller.Close();
-  Remover remove(reaped);
+  struct stat file;
+  if (lstat(lockFile.c_str(), &file) != 0) return reaped;  // another was faster
+  Remover remove(file.st_uid, reaped);
   remove.Segment(segment);
   remove.Semaphores(semaphores);
   // What leads to the rest goes last, so that an interrupted or failed reap can be repeated.
