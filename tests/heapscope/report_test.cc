@@ -313,6 +313,24 @@ TEST_F(SymbolsTest, InlinedFunctionsAndLinesAreFound) {
   EXPECT_TRUE(Has(stacks.output, ";main;subject::Fill(int);MakeBlock 100\n"));
 }
 
+// As in the answers of a running collector.
+TEST_F(SymbolsTest, FramesOfAnAnswerAreNamed) {
+  const std::string offset =
+      RunCommand({.arguments = {"xmllint", "--xpath",
+                                "string(//site[allocated/@blocks=100]/frame/@offset)", result_}})
+          .output;
+  const std::string line = "frame: " + program_ + "+" + offset;
+  Write(directory_.File("answer"), "size: 7\nframe: nonsense+0x\nframe: /missing+0x1\n" + line);
+  const Outcome outcome =
+      RunCommand({.arguments = {"/bin/sh", "-c",
+                                std::string(REPORTER) + " --where <" + directory_.File("answer")}});
+  EXPECT_EQ(
+      "size: 7\nframe: nonsense+0x\nframe: /missing+0x1\n"
+      "frame: MakeBlock  report_subject.cc:10  [program]\n"
+      "frame: subject::Fill(int)  report_subject.cc:18  [program]\n",
+      outcome.output);
+}
+
 TEST_F(SymbolsTest, SeparateDebugFilesAreFound) {
   const std::string buildId =
       RunCommand({.arguments = {"xmllint", "--xpath",

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "examples/heapscope/report/answers.h"
 #include "examples/heapscope/report/call_paths.h"
 #include "examples/heapscope/report/collapsed.h"
 #include "examples/heapscope/report/diff.h"
@@ -30,6 +31,7 @@ constexpr size_t kMaxPrinted = 1'000'000;
 struct Options {
   std::string file;
   std::vector<std::string> diff;  // the old file and the new
+  bool namesFrames = false;
   std::string page;
   std::string collapsed;
   std::string metric = "bytes";
@@ -65,7 +67,14 @@ void Describe(CLI::App* app, Options* options) {
       app->add_option("--diff", options->diff, "Say what changed from one result file to another")
           ->expected(2)
           ->option_text("OLD NEW");
-  for (const char* other : {"FILE", "--collapsed"}) diff->excludes(app->get_option(other));
+  CLI::Option* const where =
+      app->add_flag("--where", options->namesFrames,
+                    "Name the functions in an answer of heapscope where, read from standard input");
+  for (const char* other : {"FILE", "--collapsed"}) {
+    diff->excludes(app->get_option(other));
+    where->excludes(app->get_option(other));
+  }
+  where->excludes(diff);
 
   app->add_option("--metric", options->metric,
                   "Of --collapsed and --diff: bytes (the default), calls, live, peak or temporary")
@@ -118,7 +127,15 @@ void WriteOut(const std::string& path, const std::string& text) {
     throw FileError((isStandardOutput ? "standard output" : path) + ": " + std::strerror(errno));
 }
 
+std::string ReadStandardInput() {
+  std::string text;
+  char piece[4096];
+  while (const size_t got = std::fread(piece, 1, sizeof piece, stdin)) text.append(piece, got);
+  return text;
+}
+
 void Run(const Options& options) {
+  if (options.namesFrames) return WriteOut("", NameFrames(ReadStandardInput(), options.debugDirs));
   const Metric& metric = *FindMetric(options.metric);
   if (!options.diff.empty()) {
     const NamedResult before = Load(options.diff[0], options);
@@ -141,8 +158,8 @@ int Main(int argc, char** argv) {
   Describe(&app, &options);
   try {
     app.parse(argc, argv);
-    if (options.file.empty() && options.diff.empty())
-      throw CLI::RequiredError("FILE or --diff OLD NEW");
+    if (options.file.empty() && options.diff.empty() && !options.namesFrames)
+      throw CLI::RequiredError("FILE, --diff OLD NEW or --where");
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : kUsageError;
   }
