@@ -17,7 +17,7 @@ class Modules {
   explicit Modules(const std::vector<std::string>& debugDirs) : debugDirs_(debugDirs) {}
 
   std::vector<SourcePlace> Find(const std::string& path, uint64_t offset) {
-    return symbols_.try_emplace(path, path, "", debugDirs_).first->second.Find(offset);
+    return symbols_.try_emplace(path, path, std::nullopt, debugDirs_).first->second.Find(offset);
   }
 
  private:

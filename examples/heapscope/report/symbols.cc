@@ -331,7 +331,7 @@ class ModuleSymbols::Files {
   std::vector<Unit> units_;
 };
 
-ModuleSymbols::ModuleSymbols(const std::string& path, const std::string& buildId,
+ModuleSymbols::ModuleSymbols(const std::string& path, const std::optional<std::string>& buildId,
                              const std::vector<std::string>& debugDirs) {
   // Only regular files are opened: to open another kind may wait for ever.
   if (!IsRegularFile(path)) {
@@ -341,7 +341,7 @@ ModuleSymbols::ModuleSymbols(const std::string& path, const std::string& buildId
   files_ = std::make_unique<Files>(path, debugDirs);
   if (!files_->IsOpen()) {
     problem_ = "the file cannot be read";
-  } else if (files_->BuildId() != buildId) {
+  } else if (buildId.has_value() && files_->BuildId() != *buildId) {
     problem_ = "the file is another one now: its build id differs";
   }
   if (!problem_.empty()) files_.reset();

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,8 +22,9 @@ struct SourcePlace {
 // The symbols of one module. A file that is gone, or is not the one that was recorded, has none.
 class ModuleSymbols {
  public:
-  // Separate debug files are looked for in debugDirs, then where the system has them.
-  ModuleSymbols(const std::string& path, const std::string& buildId,
+  // Without a build id the file is taken for the one that is meant. Separate debug files are looked
+  // for in debugDirs, then where the system has them.
+  ModuleSymbols(const std::string& path, const std::optional<std::string>& buildId,
                 const std::vector<std::string>& debugDirs);
   ~ModuleSymbols();
   ModuleSymbols(const ModuleSymbols&) = delete;
