@@ -23,7 +23,9 @@ need_packages() {
 }
 
 BUILD_PACKAGES=(g++ cmake ninja-build libboost-dev)
-TEST_PACKAGES=(libgtest-dev pkg-config git python3 libxml2-utils)
+# For the tools and heapscope-report, which are left out where these are missing.
+BUILD_PACKAGES+=(pkg-config libpugixml-dev libcli11-dev nlohmann-json3-dev libdw-dev)
+TEST_PACKAGES=(libgtest-dev pkg-config git python3 libxml2-utils sqlite3)
 BENCHMARK_PACKAGES=(libbenchmark-dev)
 LINT_PACKAGES=(clang-format clang-tidy git mandoc)
 DOCS_PACKAGES=(doxygen python3)
@@ -34,5 +36,5 @@ build_preset() {
   shift
   say "Building ($preset)"
   cmake --preset "$preset" "$@" >/dev/null
-  cmake --build "build/$preset"
+  cmake --build --preset "$preset"
 }

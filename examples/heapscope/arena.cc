@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "examples/heapscope/internal.h"
+#include "examples/heapscope/try_flag.h"
 
 namespace heapscope {
 namespace {
@@ -37,24 +38,9 @@ constinit std::atomic<size_t> g_used{0};
 constinit FreeChunk* g_freeChunks[kChunkSizes] = {};
 constinit std::atomic<bool> g_listsAreTaken{false};
 
-class Lists {
- public:
-  Lists() : areOurs_(!g_listsAreTaken.exchange(true, std::memory_order_acquire)) {}
-  ~Lists() {
-    if (areOurs_) g_listsAreTaken.store(false, std::memory_order_release);
-  }
-  Lists(const Lists&) = delete;
-  Lists& operator=(const Lists&) = delete;
-
-  bool AreOurs() const { return areOurs_; }
-
- private:
-  const bool areOurs_;
-};
-
 unsigned char* RecycleChunk(uint32_t chunkSize) {
-  const Lists lists;
-  if (!lists.AreOurs()) return nullptr;
+  const TryFlag lists(g_listsAreTaken);
+  if (!lists.IsOurs()) return nullptr;
   FreeChunk* const chunk = g_freeChunks[chunkSize];
   if (chunk != nullptr) g_freeChunks[chunkSize] = chunk->next;
   return reinterpret_cast<unsigned char*>(chunk);
@@ -95,8 +81,8 @@ void ArenaFree(void* block) {
   const Header header = *HeaderOf(block);
   auto* const chunk =
       reinterpret_cast<FreeChunk*>(static_cast<unsigned char*>(block) - header.offset);
-  const Lists lists;
-  if (!lists.AreOurs()) return;
+  const TryFlag lists(g_listsAreTaken);
+  if (!lists.IsOurs()) return;
   chunk->next = g_freeChunks[header.chunkSize];
   g_freeChunks[header.chunkSize] = chunk;
 }

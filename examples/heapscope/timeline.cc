@@ -10,6 +10,7 @@
 #include <atomic>
 
 #include "examples/heapscope/internal.h"
+#include "examples/heapscope/try_flag.h"
 #include "zelrt/runtime.h"
 
 namespace heapscope {
@@ -19,7 +20,9 @@ constexpr size_t kMaxPoints = 1024;
 constexpr int64_t kFirstIntervalMs = 10;
 constexpr uint32_t kCallsBetweenLooks = 64;
 
-constinit std::atomic<bool> g_isTaken{false};  // over what follows
+// Over what follows. Nobody takes another lock while holding it, but may hold that of the files
+// already.
+constinit std::atomic<bool> g_isTaken{false};
 constinit TimelinePoint g_points[kMaxPoints] = {};
 constinit size_t g_count = 0;
 constinit int64_t g_intervalMs = kFirstIntervalMs;
@@ -28,27 +31,11 @@ constinit std::atomic<int64_t> g_nextMs{0};  // when the next point is due, by t
 constinit uint64_t g_rateMs = 0;  // what AllocationRate saw last
 constinit uint64_t g_rateBlocks = 0;
 
-// Nobody takes another lock while holding this one, but the lock of the files may be held already.
-class Taken {
- public:
-  Taken() : isOurs_(!g_isTaken.exchange(true, std::memory_order_acquire)) {}
-  ~Taken() {
-    if (isOurs_) g_isTaken.store(false, std::memory_order_release);
-  }
-  Taken(const Taken&) = delete;
-  Taken& operator=(const Taken&) = delete;
-
-  bool IsOurs() const { return isOurs_; }
-
- private:
-  const bool isOurs_;
-};
-
 // Waits for whoever adds a point.
 template <typename Use>
 void TakeAnd(Use use) {
   for (;;) {
-    if (const Taken taken; taken.IsOurs()) return use();
+    if (const TryFlag taken(g_isTaken); taken.IsOurs()) return use();
     __ZelYield();
   }
 }
@@ -82,7 +69,7 @@ TimelinePoint PointNow() {
 }  // namespace
 
 void NoteTime() {
-  const Taken taken;
+  const TryFlag taken(g_isTaken);
   if (!taken.IsOurs()) return;
   if (g_count == kMaxPoints) MakeRoom();
   TimelinePoint point = PointNow();

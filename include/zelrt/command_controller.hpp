@@ -217,7 +217,7 @@ class CommandController {
     if (lock == -1) return FromErrno();
     state.owner = segment.shm_cpid;
     state.isStale = !HasOwner(segment);
-    state.isReady = std::atomic_ref(segment_->isReady).load() == 1;
+    state.isReady = IsReady();
     state.pending = Pending();
     state.attached = segment.shm_nattch - 1;
     state.isLocked = lock == 0;
@@ -265,13 +265,13 @@ class CommandController {
     return id < 0 ? ControlResult::kBroken : ControlResult::kDone;
   }
 
-  // Nobody but this object having the segment attached means the same as no process: its id may be
-  // another's by now, or it may be waiting for its parent to ask for it. While the channel is being
-  // set up the lock is held, and the segment not attached yet.
+  // When nobody but this object has the segment attached there is no process either: another has
+  // its id by now, or its parent has not asked for its end yet. The process attaches the segment
+  // before it says that it is ready.
   bool HasOwner(const shmid_ds& segment) const {
     const pid_t owner = segment.shm_cpid;
     if (owner > 0 && kill(owner, 0) != 0 && errno == ESRCH) return false;
-    return segment.shm_nattch > 1 || semctl(semaphores_, ZEL_COMMAND_LOCK, GETVAL) == 0;
+    return segment.shm_nattch > 1 || !IsReady();
   }
 
   ControlResult Check() const {
@@ -297,6 +297,7 @@ class CommandController {
     }
   }
 
+  bool IsReady() const { return std::atomic_ref(segment_->isReady).load() == 1; }
   int32_t Pending() const {
     return std::clamp(std::atomic_ref(segment_->pending).load(), 0, ZEL_COMMAND_CAPACITY);
   }
@@ -321,16 +322,18 @@ class CommandController {
     ControlResult result =
         Operate({ZEL_COMMAND_LOCK, -1, SEM_UNDO}, deadline, ControlResult::kLockHeld);
     if (result != ControlResult::kDone) return result;
-    const bool isReady = std::atomic_ref(segment_->isReady).load() == 1;
-    const auto pending = static_cast<size_t>(Pending());
-    const size_t count = isReady ? std::min(records.size(), ZEL_COMMAND_CAPACITY - pending) : 0;
-    if (count > 0) {
+    result = Check();  // the lock may be that of a later channel already
+    if (result == ControlResult::kDone && !IsReady()) result = ControlResult::kNotReady;
+    size_t count = 0;
+    if (result == ControlResult::kDone) {
+      const auto pending = static_cast<size_t>(Pending());
+      count = std::min(records.size(), ZEL_COMMAND_CAPACITY - pending);
       std::memcpy(segment_->records + pending, records.data(), count * sizeof records[0]);
       std::atomic_ref(segment_->pending).store(static_cast<int32_t>(pending + count));
     }
     if (!UnlockAndRing()) return FromErrno();
     records = records.subspan(count);
-    return isReady ? ControlResult::kDone : ControlResult::kNotReady;
+    return result;
   }
 
   // In one operation: no kill can come between, and leave commands that nobody announces. The bell

@@ -14,7 +14,7 @@ namespace {
 // The allocator returns null on the thread that ends the process for want of memory: in the exit
 // hook, for what needs a new page or a block of its own.
 TEST(ExhaustionTest, WhatThereIsNoMemoryForIsLeftOut) {
-  const auto child = zeltest::RunInChild([] {
+  const auto runOut = [] {
     zeltest::backing::Install();
     static ZelSet source = {0, 1, nullptr}, set = {0, 40, nullptr}, one = {0, 1, nullptr};
     for (const uint32_t element : {3u, 100u, 200u}) __ZelAddAnElementToSet(&source, element);
@@ -37,7 +37,8 @@ TEST(ExhaustionTest, WhatThereIsNoMemoryForIsLeftOut) {
     });
     zeltest::backing::RefuseIf([](size_t, size_t) { return true; });
     __ZelMalloc(0, 1 << 20, 0);
-  });
+  };
+  const auto child = zeltest::RunInChild(runOut);
   EXPECT_EQ(42, child.exitStatus) << child.output;
 }
 

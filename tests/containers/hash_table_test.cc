@@ -4,13 +4,13 @@
 
 #include <algorithm>
 #include <functional>
-#include <random>
 #include <string>
 #include <unordered_map>
 #include <utility>
 
 #include "host/host.h"
 #include "tests/support/blocks_in_use.h"
+#include "tests/support/random.h"
 
 namespace {
 
@@ -74,10 +74,7 @@ INSTANTIATE_TEST_SUITE_P(Kinds, HashTableModelTest,
                                          std::pair(ZEL_HASH_FLAG_KEY_CALLBACKS, 1)));
 
 TEST_P(HashTableModelTest, RandomOperationsAnswerAsAMapWould) {
-  const unsigned seed = std::random_device()();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 random(seed);
-  const auto below = [&](uint32_t limit) { return static_cast<uint32_t>(random() % limit); };
+  zeltest::Random random;
   const auto [flags, levels] = GetParam();
   Create(flags, levels);
   g_action = [](void* data) { return static_cast<uint32_t>(Number(data) % 3); };
@@ -85,7 +82,8 @@ TEST_P(HashTableModelTest, RandomOperationsAnswerAsAMapWould) {
   std::unordered_map<uint64_t, void*> model;
   for (uint64_t step = 1; step <= 6'000; ++step) {
     // In two parts of each level; several to a bucket of a leaf.
-    const uint64_t key = below(2) << 24 | below(3) << 16 | below(2) << 8 | below(80);
+    const uint64_t key =
+        random.Below(2) << 24 | random.Below(3) << 16 | random.Below(2) << 8 | random.Below(80);
     const uint64_t modelKey = flags == ZEL_HASH_FLAG_KEY_CALLBACKS ? key % 1000 : key;
     const auto found = model.find(modelKey);
     void* const stored = found != model.end() ? found->second : nullptr;
@@ -98,7 +96,7 @@ TEST_P(HashTableModelTest, RandomOperationsAnswerAsAMapWould) {
       ASSERT_EQ(std::erase_if(model, isOddToo),
                 __ZelScanHashTable(table_, IsOdd, nullptr, 2, Act, &count_));
       ASSERT_EQ(std::erase_if(model, isToGo), __ZelScanAndEmptyHashTable(table_, Act, &count_));
-    } else if (below(4) == 0) {
+    } else if (random.OneIn(4)) {
       ASSERT_EQ(stored, __ZelRemoveHashTableEntry(table_, key));
       model.erase(modelKey);
     } else {

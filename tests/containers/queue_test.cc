@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <deque>
-#include <random>
 
 #include "containers/internal.h"
 #include "tests/support/blocks_in_use.h"
+#include "tests/support/random.h"
 
 namespace {
 
@@ -17,26 +17,23 @@ uint32_t HasRemainder(uint32_t modulus, uintptr_t remainder, uintptr_t value) {
 
 // The queue is mostly short, so that its ends meet all the time.
 TEST(QueueTest, RandomOperationsAgreeWithAModel) {
-  const unsigned seed = std::random_device()();
-  SCOPED_TRACE(seed);
-  std::mt19937 random(seed);
-  const auto below = [&random](uint32_t limit) { return static_cast<uint32_t>(random() % limit); };
+  zeltest::Random random;
   zeltest::backing::Install();
   for (const uint32_t flags : {0u, 0x02u, ~0x02u, ~0u}) {
     ZelQueue* const queue = __ZelCreateQueue(flags, 9);
     EXPECT_EQ(9u, zeltest::CategoryOfBlock(queue));
     std::deque<uintptr_t> model;
     for (int step = 0; step < 20'000; ++step) {
-      const uint32_t kind = below(10);
+      const uint32_t kind = random.Below(10);
       const bool remove = kind < 9;
-      const uint32_t modulus = below(4);
-      const uintptr_t remainder = below(2);
+      const uint32_t modulus = random.Below(4);
+      const uintptr_t remainder = random.Below(2);
       const ZelQueueMatch match = kind < 7 ? nullptr : HasRemainder;
       const auto found = std::find_if(model.begin(), model.end(), [&](uintptr_t value) {
         return match == nullptr || match(modulus, remainder, value) == 1;
       });
       if (kind < 4) {
-        model.push_back(below(8));
+        model.push_back(random.Below(8));
         __ZelEnqueue(queue, model.back());
       } else {
         ASSERT_EQ(found != model.end() ? *found : 0,

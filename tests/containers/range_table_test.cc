@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <random>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -11,7 +10,7 @@
 #include "containers/hash_table.h"
 #include "containers/range_table.h"
 #include "tests/support/blocks_in_use.h"
-#include "tests/support/fake_backing.h"
+#include "tests/support/random.h"
 
 namespace {
 
@@ -152,15 +151,13 @@ class RangeTableTest : public testing::Test {
 
 // In a window of a few blocks ranges meet all the time.
 void ChangeAtRandom(uint64_t maxRangeSize, uint32_t flags, uint64_t base, uint64_t size) {
-  const uint32_t seed = std::random_device()();
-  SCOPED_TRACE("seed " + std::to_string(seed) + ", base " + std::to_string(base));
-  std::mt19937 random(seed);
+  zeltest::Random random;
+  SCOPED_TRACE("base " + std::to_string(base));
   TableAndModel both(maxRangeSize, flags);
   for (int step = 0; step < 1'500 && !testing::Test::HasFatalFailure(); ++step) {
-    const uint64_t low = base + random() % size;
-    const uint64_t length =
-        1 + random() % std::min<uint64_t>(base + size - low, 1 + random() % 300);
-    const uint32_t what = random() % 32;
+    const uint64_t low = base + random.Below(size);
+    const uint64_t length = 1 + random.Below(std::min(base + size - low, 1ul + random.Below(300)));
+    const uint32_t what = random.Below(32);
     if (what < 20 || both.IsEmpty()) {
       both.Insert(low, low + length);
     } else if (what < 24) {
@@ -170,8 +167,8 @@ void ChangeAtRandom(uint64_t maxRangeSize, uint32_t flags, uint64_t base, uint64
     } else if (what < 28) {
       both.RemoveFirst(low, low + length);
     } else if (what < 31) {
-      both.DestroySpan(low, random() % 8 == 0 ? kTop - random() : length);
-    } else if (random() % 16 == 0) {
+      both.DestroySpan(low, random.OneIn(8) ? kTop - random() : length);
+    } else if (random.OneIn(16)) {
       both.Empty();
     }
     both.ExpectSame();

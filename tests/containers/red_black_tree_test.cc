@@ -6,13 +6,12 @@
 #include <iterator>
 #include <map>
 #include <numeric>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "containers/red_black_tree.h"
 #include "tests/support/blocks_in_use.h"
-#include "tests/support/fake_backing.h"
+#include "tests/support/random.h"
 
 namespace {
 
@@ -126,20 +125,18 @@ class RedBlackTreeTest : public testing::Test {
 // Few keys make long runs of equal ones; many make the tree deep. It grows and empties in turns.
 void ChangeAtRandom(const std::vector<uint64_t>& keys, size_t maxSize, int steps,
                     ZelRedBlackCompare compare) {
-  const uint32_t seed = std::random_device()();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 random(seed);
-  const auto someKey = [&] { return keys[random() % keys.size()]; };
+  zeltest::Random random;
+  const auto someKey = [&] { return keys[random.Below(keys.size())]; };
   TreeAndModel both(compare);
   bool grows = true;
   for (int i = 0; i < steps && !testing::Test::HasFatalFailure(); ++i) {
     if (both.Size() == 0 || both.Size() >= maxSize) grows = both.Size() == 0;
-    if (both.Size() == 0 || random() % 8 < (grows ? 6u : 2u)) {
+    if (both.Size() == 0 || random.Below(8) < (grows ? 6u : 2u)) {
       both.Insert(someKey());
-    } else if (random() % 64 == 0) {
+    } else if (random.OneIn(64)) {
       both.DestroyRange(someKey(), someKey());
     } else {
-      both.RemoveNth(random() % both.Size());
+      both.RemoveNth(random.Below(both.Size()));
     }
     both.ExpectSame();
     both.ExpectSameWalks(someKey(), someKey());
@@ -160,8 +157,8 @@ TEST_F(RedBlackTreeTest, RandomChangesMatchTheModel) {
 TEST_F(RedBlackTreeTest, NothingComesOfNullsAndTheSentinel) {
   ZelRedBlackTree* const tree = __ZelCreateRedBlackTree(7, nullptr, nullptr, nullptr);
   EXPECT_EQ(1u, __ZelValidateRedBlack(tree));
-  uint64_t key;
-  void* item;
+  uint64_t key = 0;
+  void* item = tree;
   for (const ZelRedBlackNode* node : {static_cast<ZelRedBlackNode*>(nullptr), tree->nil}) {
     EXPECT_EQ(nullptr, __ZelGetRedBlackRangeNext(node, kTop));
     EXPECT_EQ(nullptr, __ZelGetRedBlackRangePrev(node, 0));
@@ -177,6 +174,8 @@ TEST_F(RedBlackTreeTest, NothingComesOfNullsAndTheSentinel) {
   __ZelInsertRedBlackEntry(tree, 3, nullptr);
   EXPECT_EQ(0u,
             __ZelGetRedBlackKey(tree->root, nullptr) | __ZelGetRedBlackItem(tree->root, nullptr));
+  EXPECT_TRUE(__ZelGetRedBlackKey(tree->root, &key) == 1 && key == 3);
+  EXPECT_TRUE(__ZelGetRedBlackItem(tree->root, &item) == 1 && item == nullptr);
   __ZelDestroyRedBlackTree(tree);
 }
 

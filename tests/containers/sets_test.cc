@@ -4,13 +4,12 @@
 
 #include <algorithm>
 #include <map>
-#include <random>
 #include <string>
 #include <utility>
 
 #include "containers/set_blocks.h"
-#include "memory/internal.h"
-#include "tests/support/fake_backing.h"
+#include "tests/support/blocks_in_use.h"
+#include "tests/support/random.h"
 
 namespace {
 
@@ -105,32 +104,21 @@ TEST(SetsTest, BehavesAsItsModelAndLeavesNothingBehind) {
   constexpr uint32_t kBlocks[] = {0, 1, 2, 1000, 0x3FFFFFE, 0x3FFFFFF};
   constexpr uint32_t kPlaces[] = {0, 1, 31, 32, 63};
   constexpr uint8_t kCategories[] = {1, 2, 63};
-  const uint32_t seed = std::random_device()();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 random(seed);
-  const auto below = [&random](uint32_t limit) { return static_cast<uint32_t>(random() % limit); };
+  zeltest::Random random;
   Pair pairs[3] = {{{0, 1, nullptr}, {0, 1, nullptr}},
                    {{0, 2, nullptr}, {0, 2, nullptr}},
                    {{0, 63, nullptr}, {0, 63, nullptr}}};
   for (int step = 0; step < 20'000 && !testing::Test::HasFailure(); ++step) {
-    const uint32_t choice = below(36), element = kBlocks[below(6)] * 64 + kPlaces[below(5)];
+    const uint32_t choice = random.Below(36);
+    const uint32_t element = kBlocks[random.Below(6)] * 64 + kPlaces[random.Below(5)];
     SCOPED_TRACE("step " + std::to_string(step) + " choice " + std::to_string(choice));
-    Pair &a = pairs[below(3)], &b = pairs[below(3)];
-    Change(choice, a, b, pairs[below(3)], element);
+    Pair &a = pairs[random.Below(3)], &b = pairs[random.Below(3)];
+    Change(choice, a, b, pairs[random.Below(3)], element);
     for (uint32_t i = 0; i < 3; ++i) pairs[i].Expect(kCategories[i]);
     a.ExpectSameAnswers(b, element);
   }
   for (Pair& pair : pairs) __ZelDestroySet(&pair.set), __ZelDestroyMultiSet(&pair.multiset);
-  // Of the allocator there are left its table and free pages, which are listed, unlike full ones.
-  size_t pages = 0;
-  for (const uint32_t category : kCategories) {
-    for (const uint32_t units : {2, 18}) {
-      const auto* page = zelrt::FindBucket(category, units)->pages;
-      for (; page != nullptr; page = page->next, ++pages)
-        EXPECT_EQ(page->capacity, page->freeCount);
-    }
-  }
-  EXPECT_EQ(1 + pages, zeltest::backing::LiveBlocks());
+  EXPECT_TRUE(zeltest::NoBlockIsInUse());
 }
 
 TEST(SetsTest, TheCountStaysInItsBitsWhenThereAreMoreElements) {

@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <map>
-#include <random>
 #include <utility>
 
 #include "containers/internal.h"
 #include "tests/support/blocks_in_use.h"
+#include "tests/support/random.h"
 
 namespace {
 
@@ -59,19 +59,17 @@ struct VectorAndModel {
 
 TEST(VectorTest, RandomOperationsAgreeWithAModel) {
   zeltest::backing::Install();
-  const unsigned seed = std::random_device()();
-  SCOPED_TRACE(seed);
-  std::mt19937 random(seed);
-  const auto below = [&random](uint32_t limit) { return static_cast<uint32_t>(random() % limit); };
+  zeltest::Random random;
   VectorAndModel all[] = {{__ZelCreateVector(0)}, {__ZelCreateVector(1)}, {__ZelCreateVector(2)}};
   for (int step = 0; step < 2'000 && !testing::Test::HasFatalFailure(); ++step) {
-    VectorAndModel& one = all[below(3)];
-    const VectorAndModel& other = all[below(3)];
-    const uint32_t inPage = below(2) == 0 ? below(256) : below(2) * 255;
-    const uint32_t index = kPagesInPlay[below(std::size(kPagesInPlay))] * 256 + inPage;
-    const uint32_t kind = below(100);
+    VectorAndModel& one = all[random.Below(3)];
+    const VectorAndModel& other = all[random.Below(3)];
+    const uint32_t inPage = random.OneIn(2) ? random.Below(256) : random.Below(2) * 255;
+    const uint32_t index = kPagesInPlay[random.Below(std::size(kPagesInPlay))] * 256 + inPage;
+    const uint32_t kind = random.Below(100);
     if (kind < 50) {
-      const uint64_t value = below(4) == 0 ? ~uint64_t{0} : uint64_t{random()} << below(33);
+      const uint64_t value =
+          random.OneIn(4) ? ~uint64_t{0} : uint64_t{random()} << random.Below(33);
       ASSERT_EQ(one.Exchange(index, value), __ZelSetVectorElement(one.vector, index, value));
     } else if (kind < 85) {
       const uint64_t before = one.elements.count(index) != 0 ? one.elements[index] : 0;

@@ -7,9 +7,9 @@ source "$(dirname "${BASH_SOURCE[0]}")/../interface/checks.sh"
 page=$1/docs/man/$(basename "$2").1
 shift
 
-"$@" | sed -nE 's/^ +-([a-z]+) .*/\1/p' | sort >"$scratch/help"
+"$@" | sed -nE 's/^ +(-h,)?-(-?[a-z-]+) .*/\2/p' | sort >"$scratch/help"
 [ -s "$scratch/help" ] || fail "no option in the help"
-grep -oE '^\.It Fl [a-z]+' "$page" | sed 's/.* //' | sort >"$scratch/page"
+grep -oE '^\.It Fl [a-z-]+' "$page" | sed 's/.* //' | sort >"$scratch/page"
 expect_same_lines "help" "$scratch/help" "man page" "$scratch/page"
 
 # ".It Fl children , Fl no-children": the help has the first alone, the program understands the second.

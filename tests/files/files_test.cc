@@ -51,19 +51,17 @@ TEST(FilesTest, NothingIsOpenedOnAStandardDescriptor) {
               {OpenAtTheLimit, false}};
   for (int closed = 0; closed < 8; ++closed) {
     for (const auto& row : rows) {
-      const auto child = zeltest::RunInChild([&row, closed] {
+      SCOPED_TRACE(testing::Message() << "row " << &row - rows << " without " << closed);
+      zeltest::ExpectSuccessInChild([&row, closed] {
         __ZelRtStartup();
         for (int descriptor = 0; descriptor < 3; ++descriptor) {
           if ((closed >> descriptor & 1) != 0) close(descriptor);
         }
         const auto before = OpenDescriptors();
-        const bool isAsExpected = row.open() == row.succeeds;
-        _exit(isAsExpected && (row.succeeds ? zeltest::DescriptorOpenedSince(before) > 2
-                                            : OpenDescriptors() == before)
-                  ? 0
-                  : 1);
+        EXPECT_EQ(row.succeeds, row.open());
+        EXPECT_TRUE(row.succeeds ? zeltest::DescriptorOpenedSince(before) > 2
+                                 : OpenDescriptors() == before);
       });
-      EXPECT_EQ(0, child.exitStatus) << "row " << &row - rows << " without " << closed;
     }
   }
 }

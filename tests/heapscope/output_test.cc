@@ -141,6 +141,10 @@ TEST(LauncherTest, RunsFromAnInstalledTree) {
   EXPECT_EQ(0, ExitStatus(outcome));
   EXPECT_EQ("", outcome.errors);
   EXPECT_EQ(1u, ReadSummaries(Contents(file)).size());
+#ifdef HAS_REPORTER
+  const std::string reporter = prefix + "/" INSTALL_BINDIR "/heapscope-report";
+  EXPECT_EQ(0, ExitStatus(RunCommand({.arguments = {reporter, "--version"}})));
+#endif
 }
 
 }  // namespace

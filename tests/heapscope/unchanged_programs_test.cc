@@ -51,6 +51,30 @@ rm -rf "$repository"
 exit "$status"
 )";
 
+constexpr char kDatabase[] = R"(
+sqlite3 :memory: <<'SQL'
+CREATE TABLE reading (id INTEGER PRIMARY KEY, sensor TEXT, value INTEGER);
+WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 5000)
+  INSERT INTO reading SELECT i, 'sensor ' || (i % 7), i * 7919 % 1007 FROM n;
+CREATE INDEX by_sensor ON reading (sensor, value);
+SELECT sensor, count(*), sum(value), group_concat(id) FROM reading GROUP BY sensor;
+SELECT colour FROM reading;
+SQL
+)";
+
+constexpr char kCompilation[] = R"(
+directory=$(mktemp -d) && cd "$directory" || exit 1
+echo '#include <stdio.h>
+int main(void) { int unused; return printf("compiled
+"); }' >program.c
+gcc -O2 -Wall -S -o - program.c
+gcc -g program.c && ./a.out
+gcc missing.c
+status=$?
+rm -rf "$directory"
+exit "$status"
+)";
+
 struct Program {
   const char* program;
   std::vector<std::string> arguments;
@@ -83,6 +107,8 @@ INSTANTIATE_TEST_SUITE_P(
     Programs, UnchangedProgramsTest,
     testing::Values(Program{"/bin/bash", {"/bin/bash", "-c", kPipeline}},
                     Program{"/usr/bin/python3", {"/usr/bin/python3", "-c", kThreadsAndChildren}},
-                    Program{"/usr/bin/git", {"/bin/bash", "-c", kRepository}}));
+                    Program{"/usr/bin/git", {"/bin/bash", "-c", kRepository}},
+                    Program{"/usr/bin/sqlite3", {"/bin/bash", "-c", kDatabase}},
+                    Program{"/usr/bin/gcc", {"/bin/bash", "-c", kCompilation}}));
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstdlib>
 #include <filesystem>
 #include <random>
 #include <string>
@@ -35,18 +36,13 @@ class LogFileTest : public testing::Test {
   zeltest::TemporaryDirectory directory_;
 };
 
-TEST_F(LogFileTest, BeforeStartUpThereIsNone) {
+TEST_F(LogFileTest, WithoutOneARecordOpensTheDefaultOneOnceThereIsAStartUp) {
   EXPECT_EQ(0u, __ZelCreateLogger("a", "log", 0));
   __ZelLogCommentInternal("lost");
-  EXPECT_EQ(0u, __ZelIsLoggerInitialized() + __ZelReopenLogger());
   __ZelCloseLogger();
   EXPECT_TRUE(std::filesystem::is_empty("."));
-}
-
-TEST_F(LogFileTest, WithoutOneARecordOpensTheDefaultOne) {
   __ZelRtStartup();
-  EXPECT_EQ(0u, __ZelCreateLogger(nullptr, "log", 0));
-  EXPECT_EQ(0u, __ZelCreateLogger("a", nullptr, 0));
+  EXPECT_EQ(0u, __ZelCreateLogger(nullptr, "log", 0) + __ZelCreateLogger("a", nullptr, 0));
   ASSERT_EQ(0, mkdir("zellog.log", 0700));
   Log();  // is lost, and takes no number
   EXPECT_EQ(0u, __ZelIsLoggerInitialized() + __ZelReopenLogger());
@@ -139,16 +135,6 @@ static_assert(!kIsLoggable<int64_t> && !kIsLoggable<double>);
 
 uint64_t Format(const char* format) { return reinterpret_cast<uint64_t>(format); }
 
-TEST_F(MessagesTest, ASmallLog) {
-  __ZelLogInternal(ZELLOG_SEVERITY_ERROR, ZELLOG_MSG_FAIL_OPEN_FILE, 0, ZELLOG_ARG_STRING,
-                   "/tmp/a&b");
-  __ZelLogCommentInternal("%s", "started");
-  __ZelCloseLogger();
-  ExpectLog(RecordText(1, "FAIL_OPEN_FILE", "ERROR", Argument("filename", "/tmp/a&amp;b")) +
-            "\n\t<!-- started -->\n</log>");
-  EXPECT_TRUE(!zeltest::HasXmllint() || zeltest::XmllintAccepts("log"));
-}
-
 TEST_F(MessagesTest, EachKindHasItsForm) {
   static constexpr const char* kNames[] = {"one", nullptr};
   const uint32_t comment = Register("C", 0, kNames, ZELLOG_FLAG_COMMENT);
@@ -162,12 +148,16 @@ TEST_F(MessagesTest, EachKindHasItsForm) {
   __ZelLogInternal(3, ZELLOG_MSG_BAD_OPTION, 0, ZELLOG_ARG_STRING, "'\"");
   __ZelLogInternal(ZELLOG_SEVERITY_INFO, hidden, 0, 0);
   __ZelLogInternal(ZELLOG_SEVERITY_INFO, ZELLOG_MSG_INTERNAL, 4, Format("t"));
+  __ZelCloseLogger();
   std::string shown =
       RecordText(3, "H", "INFO") + RecordText(4, "INTERNAL", "INFO", "\n\t\t<!-- t -->");
   for (const char* id : {"'3'", "'4'"}) shown.insert(shown.find(id) + 3, " display='false'");
   ExpectLog("\n\t<!-- x=5 -->" + RecordText(1, "&lt;T&gt;", "INFO", "\n\t\t<!-- a-<b> -->") +
             "\n\t<!-- id 127 -->\n\t<!-- no id -->\n\t<!--  -->" +
-            RecordText(2, "BAD_OPTION", "ERROR", Argument("option", "&apos;&quot;")) + shown);
+            RecordText(2, "BAD_OPTION", "ERROR", Argument("option", "&apos;&quot;")) + shown +
+            "\n</log>");
+  const bool hasXmllint = std::system("xmllint --version >/dev/null 2>&1") == 0;
+  EXPECT_TRUE(!hasXmllint || std::system("xmllint --noout log") == 0);
 }
 
 TEST_F(MessagesTest, AnUnknownTagLeavesTheRestEmpty) {

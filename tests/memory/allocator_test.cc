@@ -1,44 +1,35 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
-#include <map>
-#include <random>
 #include <string>
 #include <vector>
 
-#include "memory/internal.h"
+#include "tests/support/blocks_in_use.h"
 #include "tests/support/child_process.h"
-#include "tests/support/fake_backing.h"
+#include "tests/support/random.h"
 #include "tests/support/recorded_log.h"
 #include "zelrt/memory.h"
 
 namespace {
 
 using zelrt::ZelAllocatorPage;
-using zelrt::ZelSizeClassBucket;
 namespace backing = zeltest::backing;
 
-constexpr size_t kPageRequest = 65'520;
-constexpr char kDoubleFreeNote[] = "Tried to free a memory chunk that has already been freed";
-
-uint64_t& HeaderOf(void* block) { return static_cast<uint64_t*>(block)[-1]; }
-ZelAllocatorPage* PageOf(void* block) {
-  return reinterpret_cast<ZelAllocatorPage*>(HeaderOf(block));
+uint64_t HeaderOf(const void* block) { return static_cast<const uint64_t*>(block)[-1]; }
+bool IsLarge(const void* block) { return HeaderOf(block) == 0xBEEF; }
+ZelAllocatorPage* PageOf(const void* smallBlock) {
+  return reinterpret_cast<ZelAllocatorPage*>(HeaderOf(smallBlock));
 }
-ZelSizeClassBucket* BucketOf(const ZelAllocatorPage* page) {
-  return zelrt::FindBucket(page->category, page->units);
+const ZelAllocatorPage* FirstListedWith(const ZelAllocatorPage* page) {
+  return zelrt::FindBucket(page->category, page->units)->pages;
 }
 
 void ExpectConsistent(const ZelAllocatorPage* page) {
+  const ZelAllocatorPage* listed = FirstListedWith(page);
+  while (listed != nullptr && listed != page) listed = listed->next;
+  EXPECT_EQ(page->freeCount > 0, listed == page);
   EXPECT_TRUE(zelrt::PageIsConsistent(page));
-  EXPECT_TRUE(zelrt::BucketIsConsistent(BucketOf(page)));
-}
-
-std::vector<void*> Fill(ZelAllocatorPage* page, size_t size) {
-  std::vector<void*> blocks;
-  while (page->freeCount > 0) blocks.push_back(__ZelMalloc(page->category, size, 0));
-  return blocks;
+  EXPECT_TRUE(zelrt::BucketIsConsistent(zelrt::FindBucket(page->category, page->units)));
 }
 
 class AllocatorTest : public testing::Test {
@@ -46,142 +37,66 @@ class AllocatorTest : public testing::Test {
   void SetUp() override { backing::Install(); }
 };
 
-TEST_F(AllocatorTest, SizesFallIntoUnitsAndTheLargestIsSmall) {
+TEST_F(AllocatorTest, SizeAndShiftSelectTheSlotAndThePage) {
   const struct {
     size_t size;
-    uint32_t units;
-  } rows[] = {{0, 1}, {1, 1}, {8, 1}, {9, 2}, {24, 2}, {25, 3}, {32'712, 2045}, {32'728, 2046}};
+    uint32_t shift, units;
+  } rows[] = {{0, 0, 1},         {1, 0, 1},         {8, 0, 1},         {9, 0, 2},
+              {24, 0, 2},        {25, 0, 3},        {32'712, 0, 2045}, {32'728, 0, 2046},
+              {32'728, 1, 2046}, {32'728, 4, 2046}, {32'728, 15, 2046}};
+  uint32_t category = 0;  // each has pages of its own
   for (const auto& row : rows) {
-    void* const block = __ZelMalloc(3, row.size, 0);
+    auto* const block = static_cast<char*>(__ZelMalloc(++category, row.size, row.shift));
     const ZelAllocatorPage* const page = PageOf(block);
-    EXPECT_EQ(row.units, page->units) << row.size;
-    EXPECT_EQ(zelrt::SlotsPerPage(65'536, row.units), page->capacity);
-    EXPECT_EQ(3, page->category);
-    EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(block) % 8);
+    const uint64_t request = (uint64_t{65'536} << row.shift) - 16;
+    EXPECT_EQ(request, backing::Requests().back());
+    EXPECT_EQ((request / 16 - 3) / row.units, page->capacity);
+    EXPECT_EQ(row.units, page->units);
+    EXPECT_TRUE(page->category == category && page->sizeShift == row.shift);
+    EXPECT_EQ(reinterpret_cast<const char*>(page) + 48 + 8, block);
+    EXPECT_EQ(block + 16 * row.units, __ZelMalloc(category, row.size, row.shift));
     std::memset(block, 0xA5, row.size);
     ExpectConsistent(page);
     __ZelFree(block);
     ExpectConsistent(page);
+    EXPECT_EQ(block, __ZelMalloc(category, row.size, row.shift))
+        << "the last one freed comes first";
   }
-  const size_t before = backing::LiveBlocks();
-  void* const large = __ZelMalloc(3, 32'729, 99);  // the size shift has no bearing
-  EXPECT_EQ(0xBEEFu, HeaderOf(large));
-  EXPECT_EQ(32'737u, backing::Requests().back());
-  std::memset(large, 0xA5, 32'729);
-  __ZelFree(large);
-  EXPECT_EQ(before, backing::LiveBlocks());
+}
+
+TEST_F(AllocatorTest, WhatNoSlotHoldsIsABlockOfItsOwn) {
+  for (const size_t size : {size_t{32'729}, (size_t{1} << 36) + 1}) {  // units need over 32 bits
+    void* const block = __ZelMalloc(3, size, 99);  // the size shift has no bearing
+    EXPECT_TRUE(IsLarge(block));
+    EXPECT_EQ(size + 8, backing::Requests().back());
+    std::memset(block, 0xA5, 32'729);
+    __ZelFree(block);
+    EXPECT_EQ(1u, backing::LiveBlocks());
+  }
   __ZelFree(nullptr);
 }
 
-TEST_F(AllocatorTest, SlotsComeInAscendingOrderFromAFreshPage) {
-  auto* const first = static_cast<char*>(__ZelMalloc(0, 40, 0));
-  EXPECT_EQ(reinterpret_cast<char*>(PageOf(first)) + 48 + 8, first);
-  EXPECT_EQ(first + 48, __ZelMalloc(0, 40, 0));
-  __ZelFree(first);
-  EXPECT_EQ(first, __ZelMalloc(0, 40, 0)) << "the last one freed is the first one given";
-}
-
-TEST_F(AllocatorTest, AFullPageIsFollowedByASecondOne) {
-  void* const block = __ZelMalloc(0, 8, 0);
-  ZelAllocatorPage* const page = PageOf(block);
-  EXPECT_EQ(kPageRequest, backing::Requests().back());
-  const size_t requests = backing::RequestCount();
-  EXPECT_EQ(4091u, Fill(page, 8).size());
-  EXPECT_EQ(requests, backing::RequestCount());
-  EXPECT_EQ(nullptr, BucketOf(page)->pages);
-  void* const next = __ZelMalloc(0, 8, 0);
-  EXPECT_NE(page, PageOf(next));
-  EXPECT_EQ(requests + 1, backing::RequestCount());
-  ExpectConsistent(page);
-}
-
-TEST_F(AllocatorTest, TheSizeShiftSelectsThePage) {
-  for (const uint32_t shift : {1u, 4u, 15u}) {
-    // The largest slots, so that little of the page is touched.
-    void* const block = __ZelMalloc(shift, 32'728, shift);
-    EXPECT_EQ((uint64_t{65'536} << shift) - 16, backing::Requests().back());
-    EXPECT_EQ(shift, PageOf(block)->sizeShift);
-    EXPECT_EQ((((uint64_t{65'536} << shift) - 16) / 16 - 3) / 2046, PageOf(block)->capacity);
-    ExpectConsistent(PageOf(block));
-    std::memset(block, 1, 32'728);
-    __ZelFree(block);
-  }
-}
-
-TEST_F(AllocatorTest, CategoriesNeverShareAPage) {
-  std::map<ZelAllocatorPage*, uint32_t> owners;
-  for (int round = 0; round < 1000; ++round) {
-    const uint32_t category = static_cast<uint32_t>(round) % 64;
-    ZelAllocatorPage* const page = PageOf(__ZelMalloc(category, 64, 0));
-    EXPECT_EQ(category, owners.emplace(page, category).first->second);
-  }
-  EXPECT_EQ(64u, owners.size());
-}
-
-TEST_F(AllocatorTest, TheOnlyPageOfABucketIsRetainedWhenEmptied) {
+TEST_F(AllocatorTest, AnEmptiedPageIsReturnedUnlessItIsTheLast) {
   __ZelEnableMemoryStatisticsCollection();
-  for (int round = 0; round < 3; ++round) __ZelFree(__ZelMalloc(0, 100, 0));
-  EXPECT_EQ(2u, backing::RequestCount()) << "the bucket table and one page";
-  EXPECT_EQ(2u, backing::LiveBlocks());
-  EXPECT_EQ(65'536u, __zelTotalMemoryAllocated);
-}
-
-TEST_F(AllocatorTest, EmptiedPageOfTwoIsReturned) {
-  __ZelEnableMemoryStatisticsCollection();
-  constexpr size_t kSize = 16'000;  // four slots a page
-  std::vector<void*> blocks;
-  for (int i = 0; i < 5; ++i) blocks.push_back(__ZelMalloc(0, kSize, 0));
-  ZelAllocatorPage* const first = PageOf(blocks[0]);
-  ZelAllocatorPage* const second = PageOf(blocks[4]);
-  ASSERT_NE(first, second);
-  EXPECT_EQ(2 * 65'536u, __zelTotalMemoryAllocated);
-  const size_t live = backing::LiveBlocks();
-
-  // The full page is unlisted; its first free slot puts it in front of the other one.
-  __ZelFree(blocks[0]);
-  EXPECT_EQ(first, BucketOf(second)->pages);
-  ExpectConsistent(first);
-  for (int i = 1; i < 4; ++i) __ZelFree(blocks[static_cast<size_t>(i)]);
-  EXPECT_EQ(live - 1, backing::LiveBlocks());
-  EXPECT_EQ(65'536u, __zelTotalMemoryAllocated);
-  ExpectConsistent(second);
-
-  __ZelFree(blocks[4]);
-  EXPECT_EQ(live - 1, backing::LiveBlocks()) << "the last page is retained";
-  EXPECT_EQ(second, BucketOf(second)->pages);
-}
-
-// An empty page retained at the head, and a full one that is relisted in front of it.
-TEST_F(AllocatorTest, ARelistedPageMayStandBesideARetainedOne) {
   constexpr size_t kSize = 32'000;  // two slots a page
   void* const a = __ZelMalloc(0, kSize, 0);
   void* const b = __ZelMalloc(0, kSize, 0);
   void* const c = __ZelMalloc(0, kSize, 0);
-  ZelAllocatorPage* const full = PageOf(a);
-  ZelAllocatorPage* const retained = PageOf(c);
-  const size_t live = backing::LiveBlocks();
+  const ZelAllocatorPage *const full = PageOf(a), *const retained = PageOf(c);
+  EXPECT_EQ(2 * 65'536u, __zelTotalMemoryAllocated);
   __ZelFree(c);
-  EXPECT_EQ(live, backing::LiveBlocks());
+  EXPECT_EQ(3u, backing::LiveBlocks()) << "the only listed one";
+  // The full page is unlisted; its first free slot puts it in front of the other one.
   __ZelFree(a);
-  EXPECT_EQ(full, BucketOf(retained)->pages);
+  EXPECT_EQ(full, FirstListedWith(retained));
   EXPECT_EQ(retained, full->next);
   __ZelFree(b);
-  EXPECT_EQ(live - 1, backing::LiveBlocks());
-  EXPECT_EQ(retained, BucketOf(retained)->pages);
+  EXPECT_EQ(2u, backing::LiveBlocks());
+  EXPECT_EQ(65'536u, __zelTotalMemoryAllocated);
+  EXPECT_EQ(retained, FirstListedWith(retained));
   ExpectConsistent(retained);
-}
-
-TEST_F(AllocatorTest, FreeingTwiceIsNotedAndChangesNothing) {
-  void* const kept = __ZelMalloc(0, 100, 0);
-  void* const block = __ZelMalloc(0, 100, 0);
-  __ZelFree(block);
-  const uint32_t freeCount = PageOf(kept)->freeCount;
-  for (size_t times = 1; times <= 3; ++times) {
-    __ZelFree(block);
-    EXPECT_EQ(times, zeltest::CountLogged(kDoubleFreeNote));
-    EXPECT_EQ(freeCount, PageOf(kept)->freeCount);
-    ExpectConsistent(PageOf(kept));
-  }
+  for (int round = 0; round < 3; ++round) __ZelFree(__ZelMalloc(0, kSize, 0));
+  EXPECT_EQ(3u, backing::RequestCount()) << "the bucket table and two pages";
 }
 
 TEST_F(AllocatorTest, NumbersThatWouldLeaveTheBucketTableAreDefects) {
@@ -196,34 +111,27 @@ TEST_F(AllocatorTest, NumbersThatWouldLeaveTheBucketTableAreDefects) {
       {0, 100, 16, "Invalid size shift 16 "},
   };
   for (const auto& row : rows) {
-    const auto child = zeltest::RunInChild([&] { __ZelMalloc(row.category, row.size, row.shift); });
-    EXPECT_EQ(255, child.exitStatus);
-    EXPECT_EQ(0u, child.output.find(row.named)) << child.output;
+    zeltest::ExpectFatalInChild([&row] { __ZelMalloc(row.category, row.size, row.shift); },
+                                row.named);
   }
 }
 
 TEST_F(AllocatorTest, SizesNearTheEndOfTheAddressSpaceAreRefusedNotWrapped) {
   for (const size_t size : {SIZE_MAX, SIZE_MAX - 7, SIZE_MAX - 8, SIZE_MAX - 15, SIZE_MAX - 22,
                             SIZE_MAX - 23, SIZE_MAX / 2 + 1, size_t{1} << 40}) {
-    const auto child = zeltest::RunInChild([size] {
+    SCOPED_TRACE(size);
+    const auto ask = [size] {
       zeltest::EchoLog(true);
       backing::RefuseIf([](size_t asked, size_t) { return asked > size_t{1} << 32; });
       __ZelMalloc(0, size, 0);
-    });
-    EXPECT_EQ(255, child.exitStatus) << size;
-    EXPECT_EQ("ERROR OUT_OF_MEMORY\nERROR ABNORMAL_TERMINATE\n", child.output) << size;
+    };
+    zeltest::ExpectFatalInChild(ask, "ERROR OUT_OF_MEMORY\nERROR ABNORMAL_TERMINATE\n");
   }
-  void* const block = __ZelMalloc(0, (size_t{1} << 36) + 1, 0);  // its units exceed 32 bits
-  EXPECT_EQ(0xBEEFu, HeaderOf(block));
-  __ZelFree(block);
 }
 
 // Random allocation and release against a plain list of what must be intact.
 TEST_F(AllocatorTest, BlocksAreDisjointAndKeepTheirContents) {
-  const unsigned seed = std::random_device()();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 random(seed);
-  const auto below = [&random](uint32_t limit) { return static_cast<uint32_t>(random() % limit); };
+  zeltest::Random random;
   struct Live {
     unsigned char* block;
     size_t size;
@@ -233,7 +141,7 @@ TEST_F(AllocatorTest, BlocksAreDisjointAndKeepTheirContents) {
   const auto release = [&](size_t index) {
     const Live& it = live[index];
     for (size_t i = 0; i < it.size; ++i) ASSERT_EQ(it.pattern, it.block[i]);
-    ZelAllocatorPage* const page = HeaderOf(it.block) == 0xBEEF ? nullptr : PageOf(it.block);
+    const ZelAllocatorPage* const page = IsLarge(it.block) ? nullptr : PageOf(it.block);
     const bool isLastOfPage = page == nullptr || page->freeCount + 1 == page->capacity;
     __ZelFree(it.block);
     if (!isLastOfPage) ExpectConsistent(page);
@@ -241,33 +149,25 @@ TEST_F(AllocatorTest, BlocksAreDisjointAndKeepTheirContents) {
     live.pop_back();
   };
   for (int step = 0; step < 20'000; ++step) {
-    const bool allocate = live.empty() || random() % 100 < (live.size() < 600 ? 60u : 40u);
+    const bool allocate = live.empty() || random.Below(100) < (live.size() < 600 ? 60u : 40u);
     if (!allocate) {
-      release(random() % live.size());
+      release(random.Below(live.size()));
       continue;
     }
     // Few sizes, most of them with few slots a page, so that pages fill up and fall empty.
     static constexpr size_t kSizes[] = {0, 8, 100, 5'000, 9'000, 16'000, 32'728, 32'729, 70'000};
-    const size_t size = kSizes[random() % std::size(kSizes)];
+    const size_t size = kSizes[random.Below(std::size(kSizes))];
+    const uint32_t category = random.Below(3);
     const auto pattern = static_cast<unsigned char>(random());
-    auto* const block = static_cast<unsigned char*>(__ZelMalloc(below(3), size, below(2)));
+    auto* const block = static_cast<unsigned char*>(__ZelMalloc(category, size, random.Below(2)));
     std::memset(block, pattern, size);
     live.push_back({block, size, pattern});
-    if (HeaderOf(block) != 0xBEEF) ExpectConsistent(PageOf(block));
+    if (IsLarge(block)) continue;
+    EXPECT_EQ(category, PageOf(block)->category);
+    ExpectConsistent(PageOf(block));
   }
   while (!live.empty()) release(live.size() - 1);
-
-  size_t retained = 0;
-  for (uint32_t category = 0; category < 3; ++category) {
-    for (uint32_t units = 1; units <= zelrt::kMaxUnits; ++units) {
-      const ZelSizeClassBucket* const bucket = zelrt::FindBucket(category, units);
-      if (bucket == nullptr || bucket->pages == nullptr) continue;
-      EXPECT_EQ(nullptr, bucket->pages->next);
-      EXPECT_EQ(bucket->pages->capacity, bucket->pages->freeCount);
-      ++retained;
-    }
-  }
-  EXPECT_EQ(1 + retained, backing::LiveBlocks()) << "the bucket table and retained pages";
+  EXPECT_TRUE(zeltest::NoBlockIsInUse());
 }
 
 }  // namespace

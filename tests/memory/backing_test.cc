@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstdlib>
 
 #include "memory/internal.h"
 #include "tests/support/child_process.h"
@@ -19,26 +18,22 @@ constexpr size_t kBucketTable = size_t{64} * 2046 * sizeof(zelrt::ZelSizeClassBu
 
 TEST(BackingTest, EverythingComesFromTheInstalledPair) {
   backing::Install();
-  EXPECT_EQ(std::vector<size_t>{kBucketTable}, backing::Requests());
   __ZelInitializeMemoryCollectorAndReserveMemory(1);
   void* const small = __ZelMalloc(0, 10, 0);
   void* const large = __ZelMalloc(0, 100'000, 0);
   EXPECT_EQ((std::vector<size_t>{kBucketTable, 33'554'416, 65'520, 100'008}), backing::Requests());
+  EXPECT_NE(nullptr, zelrt::FindBucket(0, 64)) << "set up with the others of its run";
+  EXPECT_EQ(nullptr, zelrt::FindBucket(0, 65)) << "as is no run that nobody uses";
   __ZelFree(large);
   __ZelFree(small);
   __ZelDeinitializeSubAllocator();
   EXPECT_EQ(2u, backing::LiveBlocks()) << "the retained page and the reserve stay where they are";
 }
 
-TEST(BackingTest, APairThatComesTooLateIsNotUsed) {
-  __ZelFree(__ZelMalloc(0, 10, 0));
-  backing::Install();
-  __ZelFree(__ZelMalloc(0, 100'000, 0));
-  EXPECT_EQ(0u, backing::RequestCount());
-}
-
-TEST(BackingTest, HalfAPairIsNone) {
+TEST(BackingTest, HalfAPairIsNoneAndOneThatComesTooLateIsNotUsed) {
   __ZelInitializeSubAllocator(backing::Allocate, nullptr);
+  __ZelFree(__ZelMalloc(0, 100'000, 0));
+  backing::Install();
   __ZelFree(__ZelMalloc(0, 100'000, 0));
   EXPECT_EQ(0u, backing::RequestCount());
 }
@@ -46,35 +41,24 @@ TEST(BackingTest, HalfAPairIsNone) {
 TEST(BackingTest, AFreshRecordIsBuiltAfterTheEnd) {
   zeltest::IgnoreLeaks();
   backing::Install();
-  __ZelInitializeMemoryCollectorAndReserveMemory(1);
+  __ZelInitializeMemoryCollector();
   static_cast<void>(__ZelMalloc(5, 10, 0));
   __ZelDeinitializeSubAllocator();
   __ZelDeinitializeSubAllocator();
   const size_t requests = backing::RequestCount();
   const size_t live = backing::LiveBlocks();
 
-  void* const block = __ZelMalloc(5, 10, 0);  // from malloc now
-  ASSERT_NE(nullptr, block);
-  __ZelFree(block);
-  __ZelFree(__ZelMalloc(5, 100'000, 0));
+  for (const size_t size : {10, 100'000}) __ZelFree(__ZelMalloc(5, size, 0));  // from malloc now
   EXPECT_EQ(requests, backing::RequestCount());
   EXPECT_EQ(live, backing::LiveBlocks());
   __ZelDeinitializeSubAllocator();
 
+  backing::OnRequest([] { __ZelAsynchronousCollectMemory(1); });  // is ignored
   backing::Install();
   __ZelFree(__ZelMalloc(5, 10, 0));
   EXPECT_EQ(requests + 2, backing::RequestCount()) << "a new table and a new page";
-}
-
-TEST(BackingTest, AShortageWhileTheFreshRecordIsBuiltIsIgnored) {
-  backing::Install();
-  __ZelInitializeMemoryCollector();
-  __ZelDeinitializeSubAllocator();
-  backing::OnRequest([] { __ZelAsynchronousCollectMemory(1); });
-  backing::Install();
   __ZelInitializeMemoryCollectorAndReserveMemory(1);
-  EXPECT_EQ(33'554'416u, backing::Requests().back()) << "initialised anew, reserve and all";
-  __ZelDeinitializeSubAllocator();
+  EXPECT_EQ(requests + 3, backing::RequestCount()) << "initialised anew, reserve and all";
 }
 
 // The reserve of a pair that is gone must not be given to its successor, which would abort.
@@ -83,29 +67,25 @@ TEST(BackingTest, TheReserveEndsWithItsPair) {
   __ZelInitializeMemoryCollectorAndReserveMemory(2);  // from malloc
   __ZelDeinitializeSubAllocator();
   backing::Install();
-  const auto child = zeltest::RunInChild([] {
+  const auto runOut = [] {
     zeltest::EchoLog(true);
     backing::RefuseIf([](size_t, size_t) { return true; });
     __ZelMalloc(0, 10, 0);
-  });
-  EXPECT_EQ(255, child.exitStatus);
-  EXPECT_EQ("ERROR OUT_OF_MEMORY\nERROR ABNORMAL_TERMINATE\n", child.output);
-}
-
-void SayCode(int32_t code) { std::printf("exit hook %d\n", code); }
-
-void AllocateInHook(int32_t code) {
-  std::printf("exit hook %d\n", code);
-  std::printf("%s\n", __ZelMalloc(0, 10, 0) == nullptr ? "no memory" : "memory");
-  __ZelExitHandler(5);
+  };
+  zeltest::ExpectFatalInChild(runOut, "ERROR OUT_OF_MEMORY\nERROR ABNORMAL_TERMINATE\n");
 }
 
 TEST(BackingTest, WithoutABucketTableTheProcessEnds) {
   const struct {
     ZelExitHook hook;
     const char* output;
-  } rows[] = {
-      {nullptr, ""}, {SayCode, "exit hook -1\n"}, {AllocateInHook, "exit hook -1\nno memory\n"}};
+  } rows[] = {{nullptr, ""},
+              {[](int32_t code) {
+                 const bool refused = __ZelMalloc(0, 10, 0) == nullptr;
+                 std::printf("exit hook %d %s\n", code, refused ? "refused" : "served");
+                 __ZelExitHandler(5);
+               },
+               "exit hook -1 refused\n"}};
   for (const auto& row : rows) {
     const auto child = zeltest::RunInChild([&row] {
       __ZelSetExitHandler(row.hook);
@@ -115,21 +95,6 @@ TEST(BackingTest, WithoutABucketTableTheProcessEnds) {
     EXPECT_EQ(255, child.exitStatus);
     EXPECT_EQ(row.output, child.output);
   }
-}
-
-TEST(BackingTest, BucketsAreSetUpWhenOneOfTheirRunIsFirstUsed) {
-  backing::Install();
-  EXPECT_EQ(nullptr, zelrt::FindBucket(9, 2));
-  __ZelFree(__ZelMalloc(9, 10, 0));
-  EXPECT_EQ(nullptr, zelrt::FindBucket(8, 2));
-  EXPECT_EQ(nullptr, zelrt::FindBucket(9, 65));
-  for (const uint32_t units : {1u, 3u, 64u}) {
-    ASSERT_NE(nullptr, zelrt::FindBucket(9, units));
-    EXPECT_EQ(units, zelrt::FindBucket(9, units)->units);
-    EXPECT_EQ(nullptr, zelrt::FindBucket(9, units)->pages);
-  }
-  __ZelFree(__ZelMalloc(63, 32'728, 0));  // the last bucket of the table
-  EXPECT_EQ(2046u, zelrt::FindBucket(63, 2046)->units);
 }
 
 }  // namespace

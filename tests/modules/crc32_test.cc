@@ -3,11 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <random>
-#include <string>
 #include <vector>
 
 #include "modules/internal.h"
+#include "tests/support/random.h"
 
 namespace {
 
@@ -37,9 +36,7 @@ TEST(Crc32Test, EveryLengthAtEveryAlignment) {
   ExpectSum(0, nullptr, 0);
   ExpectSum(0xCBF43926, "123456789", 9);
   constexpr std::align_val_t kLine{64};
-  const uint32_t seed = std::random_device()();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 random(seed);
+  zeltest::Random random;
   for (size_t length = 0; length <= 1200 && !HasFailure(); ++length) {
     std::vector<uint8_t> content(length);
     for (uint8_t& byte : content) byte = static_cast<uint8_t>(random());

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <map>
-#include <random>
 
 #include "modules/internal.h"
 #include "tests/support/fake_backing.h"
+#include "tests/support/random.h"
 
 constexpr int kStays = 214'748'364, kRaises = kStays - 1;
 static int g_drawn = kStays;
@@ -29,19 +29,17 @@ void ExpectSameAnswer(const Model& model, uint64_t address) {
 
 // It grows and shrinks again, to nothing. Starts collide; ranges overlap, are empty or inverted.
 TEST(ModuleMapTest, AnswersAsAModelDoes) {
-  const unsigned seed = std::random_device()();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 random(seed);
+  zeltest::Random random;
   Model model;
   for (unsigned step = 0; step < 6000 && !HasFailure(); ++step) {
-    const uint64_t start = random() % 64 == 0 ? -1ull : random() % 200 * 0x10;
-    const uint64_t inside = start + random() % 0x40, end = inside - 8;
-    g_drawn = random() % 10 == 0 ? kRaises : kStays;
-    if (step > 0 && random() % 4000 >= step) {
+    const uint64_t start = random.OneIn(64) ? -1ull : random.Below(200) * 0x10;
+    const uint64_t inside = start + random.Below(0x40), end = inside - 8;
+    g_drawn = random.OneIn(10) ? kRaises : kStays;
+    if (step > 0 && random.Below(4000) >= step) {
       __ZelLoadModule(std::to_string(start ^ end).c_str(), start, end);
       model.emplace(start, end);  // of two equal starts both keep the first
     } else {
-      const uint64_t unloaded = random() % 4 == 0 ? inside : start;
+      const uint64_t unloaded = random.OneIn(4) ? inside : start;
       __ZelUnloadModule(unloaded);
       model.erase(unloaded);
     }

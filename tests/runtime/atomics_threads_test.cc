@@ -1,15 +1,11 @@
 #include <gtest/gtest.h>
 
-#include <thread>
 #include <type_traits>
-#include <vector>
 
+#include "tests/support/threads.h"
 #include "zelrt/atomics.h"
 
 namespace {
-
-constexpr int kThreads = 4;
-constexpr uint32_t kRounds = 100'000;
 
 template <typename Word>
 void AddByExchange(Word* word, std::type_identity_t<Word> amount,
@@ -23,25 +19,20 @@ void AddByExchange(Word* word, std::type_identity_t<Word> amount,
 }
 
 TEST(AtomicsThreadsTest, NoUpdateIsLost) {
-  uint32_t incremented = 0;
-  uint32_t added = 0;
-  uint32_t exchanged = 0;
+  constexpr uint32_t kThreads = 4, kRounds = 100'000;
+  uint32_t counted = 0, added = 0, exchanged = 0;
   uint64_t exchanged64 = 0;
-  std::vector<std::thread> threads;
-  for (int i = 0; i < kThreads; ++i) {
-    threads.emplace_back([&] {
-      for (uint32_t round = 0; round < kRounds; ++round) {
-        __ZelInterlockedIncrement(&incremented);
-        __ZelInterlockedIncrementInternal(&incremented);
-        __ZelInterlockedDecrement(&incremented);
-        __ZelInterlockedExchangeAdd(&added, 3);
-        AddByExchange(&exchanged, 1, __ZelInterlockedCompareExchange);
-        AddByExchange(&exchanged64, uint64_t{1} << 32, __ZelInterlockedCompareExchange64);
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(kThreads * kRounds, incremented);
+  zeltest::OnEachThread(kThreads, [&](int) {
+    for (uint32_t round = 0; round < kRounds; ++round) {
+      __ZelInterlockedIncrement(&counted);
+      __ZelInterlockedIncrement(&counted);
+      __ZelInterlockedDecrement(&counted);
+      __ZelInterlockedExchangeAdd(&added, 3);
+      AddByExchange(&exchanged, 1, __ZelInterlockedCompareExchange);
+      AddByExchange(&exchanged64, uint64_t{1} << 32, __ZelInterlockedCompareExchange64);
+    }
+  });
+  EXPECT_EQ(kThreads * kRounds, counted);
   EXPECT_EQ(3 * kThreads * kRounds, added);
   EXPECT_EQ(kThreads * kRounds, exchanged);
   EXPECT_EQ(uint64_t{kThreads * kRounds} << 32, exchanged64);

@@ -11,14 +11,16 @@ inline uint32_t CategoryOfBlock(const void* smallBlock) {
   return reinterpret_cast<const zelrt::ZelAllocatorPage*>(header)->category;
 }
 
-// True when all that the fake backing pair has given out is the bucket table and empty pages.
+// True when all that the fake backing pair has given out is the bucket table and empty pages, of
+// which a bucket keeps one at the most.
 inline bool NoBlockIsInUse() {
   size_t emptyPages = 0;
   for (uint32_t i = 0; i < zelrt::kMaxCategories * zelrt::kMaxUnits; ++i) {
     const auto* bucket = zelrt::FindBucket(i / zelrt::kMaxUnits, i % zelrt::kMaxUnits + 1);
-    if (bucket == nullptr) continue;
-    for (const auto* page = bucket->pages; page != nullptr; page = page->next)
-      emptyPages += page->freeCount == page->capacity;
+    const auto* const page = bucket != nullptr ? bucket->pages : nullptr;
+    if (page == nullptr) continue;
+    if (page->next != nullptr || page->freeCount != page->capacity) return false;
+    ++emptyPages;
   }
   return backing::LiveBlocks() == 1 + emptyPages;
 }

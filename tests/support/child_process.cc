@@ -1,5 +1,6 @@
 #include "tests/support/child_process.h"
 
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -47,7 +48,7 @@ ChildResult RunInChild(const std::function<void()>& body) {
     close(ends[1]);
     body();
     std::fflush(nullptr);
-    _exit(0);
+    _exit(testing::Test::HasFailure() ? 1 : 0);
   }
   close(ends[1]);
   ChildResult result;
@@ -57,6 +58,18 @@ ChildResult RunInChild(const std::function<void()>& body) {
   waitpid(child, &status, 0);
   result.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return result;
+}
+
+void ExpectSuccessInChild(const std::function<void()>& body) {
+  const ChildResult child = RunInChild(body);
+  EXPECT_EQ(0, child.exitStatus) << child.output;
+}
+
+void ExpectFatalInChild(const std::function<void()>& body, const std::string& text) {
+  const ChildResult child = RunInChild(body);
+  EXPECT_EQ(255, child.exitStatus) << child.output;
+  EXPECT_TRUE(child.output.starts_with(text)) << text << " is not how this begins:\n"
+                                              << child.output;
 }
 
 }  // namespace zeltest

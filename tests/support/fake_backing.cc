@@ -52,7 +52,6 @@ void RefuseIf(std::function<bool(size_t, size_t)> refuse) {
   TheState().refuse = std::move(refuse);
   TheState().askedSinceRefuse = 0;
 }
-void RefuseNothing() { RefuseIf(nullptr); }
 
 void OnRequest(std::function<void()> action) { TheState().action = std::move(action); }
 

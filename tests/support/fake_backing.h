@@ -23,7 +23,6 @@ size_t LiveBlocks();
 // Refuses requests from now on: those for which the predicate is true, given the size and the
 // number of the request, the first after this call being 1.
 void RefuseIf(std::function<bool(size_t size, size_t number)> refuse);
-void RefuseNothing();
 
 // Called inside each request, before it is served.
 void OnRequest(std::function<void()> action);

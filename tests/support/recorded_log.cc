@@ -1,6 +1,5 @@
 #include "tests/support/recorded_log.h"
 
-#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <map>
@@ -49,11 +48,6 @@ std::string Format(const char* format, va_list arguments) {
 std::vector<std::string> LoggedLines() {
   const std::lock_guard guard(TheLog().mutex);
   return TheLog().lines;
-}
-
-size_t CountLogged(const std::string& line) {
-  const std::vector<std::string> lines = LoggedLines();
-  return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
 }
 
 void ClearLog() {

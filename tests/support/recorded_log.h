@@ -13,7 +13,6 @@ namespace zeltest {
 // What was logged, one entry a call: the text of a comment; else the severity, then the text of an
 // internal error, or the name of a message and its number or text where it has one.
 std::vector<std::string> LoggedLines();
-size_t CountLogged(const std::string& line);
 void ClearLog();
 
 // Whether the library believes that there is a log file.

@@ -52,10 +52,4 @@ int DescriptorOpenedSince(const std::set<int>& before) {
   return opened.size() == 1 ? opened[0] : -1;
 }
 
-bool HasXmllint() { return std::system("xmllint --version >/dev/null 2>&1") == 0; }
-
-bool XmllintAccepts(const std::string& path) {
-  return std::system(("xmllint --noout '" + path + "'").c_str()) == 0;
-}
-
 }  // namespace zeltest

@@ -29,8 +29,4 @@ std::set<int> OpenDescriptors();
 // The newest one: what was opened since `before`. -1 unless there is exactly one.
 int DescriptorOpenedSince(const std::set<int>& before);
 
-// Asks xmllint, where it is installed.
-bool HasXmllint();
-bool XmllintAccepts(const std::string& path);
-
 }  // namespace zeltest

@@ -1,15 +1,15 @@
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <map>
-#include <random>
 #include <string>
 #include <vector>
 
+#include "tests/support/child_process.h"
+#include "tests/support/random.h"
 #include "tests/support/temporary_directory.h"
 #include "zelrt/xml.h"
 
@@ -101,17 +101,15 @@ std::string AsComment(const std::string& text) {
 
 // Against models that are too simple to be wrong.
 TEST_F(XmlFileTest, TextsAreEscapedAndCut) {
-  const unsigned seed = std::random_device()();
-  std::printf("seed %u\n", seed);
-  std::mt19937 random(seed);
+  zeltest::Random random;
   const std::string special = "\"&'<>-- ";
   std::vector<std::string> texts = {"", "-", "--a---b--", "-->", "%d", std::string(65'536, '<')};
   for (int round = 0; round < 500; ++round) {
     std::string& text = texts.emplace_back();
     // Some are longer than what the file composes in one go.
-    for (size_t left = random() % (round % 10 == 0 ? 3'000 : 60); left > 0; --left) {
-      text += random() % 2 == 0 ? special[random() % special.size()]
-                                : static_cast<char>(1 + random() % 255);
+    for (size_t left = random.Below(round % 10 == 0 ? 3'000 : 60); left > 0; --left) {
+      text += random.OneIn(2) ? special[random.Below(special.size())]
+                              : static_cast<char>(1 + random.Below(255));
     }
   }
   for (size_t length = 65'528; length <= 65'536; ++length) {
@@ -223,13 +221,11 @@ TEST_F(XmlFileTest, AFailedCloseKeepsTheHandleForASecondOne) {
 TEST_F(XmlFileTest, AForkedChildLetsGoOfTheFile) {
   Create();
   __ZelXMLWriteOpeningTag(file_, "a");
-  if (fork() == 0) {
+  zeltest::ExpectSuccessInChild([this] {
     __ZelXMLCleanupAfterFork(&file_);
-    _exit(file_ == nullptr ? 0 : 1);
-  }
-  int status;
-  wait(&status);
-  EXPECT_EQ(0, status);
+    EXPECT_EQ(nullptr, file_);
+    _exit(HasFailure() ? 1 : 0);  // with nothing flushed
+  });
   EXPECT_EQ(kHeader + "\n<a>", Written());
 }
 
