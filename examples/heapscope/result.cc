@@ -276,7 +276,9 @@ bool WriteDocument(const char* path, Occasion occasion, const Figures& figures,
                    const std::string& loaded) {
   ZelXmlWriter result;
   if (!result.create(path, false)) return false;
-  result.startElement(kRoot, false)
+  // Nobody else has the file, but for its holder the stream needs no lock of its own.
+  result.acquire()
+      .startElement(kRoot, false)
       .writeAttribute("format", kFormat)
       .writeStrAttribute("written", kOccasions[static_cast<size_t>(occasion)]);
   WriteProcess(result);
@@ -292,6 +294,7 @@ bool WriteDocument(const char* path, Occasion occasion, const Figures& figures,
   WriteSites(result, sites);
   WriteAnnotations(result, loaded);
   WriteOwnMemory(result);
+  result.endAll().release();
   result.close();
   return true;
 }
