@@ -111,8 +111,9 @@ bool MayGoUnseen(const dl_find_object& module) {
                           reinterpret_cast<uintptr_t>(bases.function), address);
   }
   const uint64_t packed = Pack(address, rule);
-  // Code that is in no module may be replaced by other code at any time.
-  if (isInModule && !MayGoUnseen(module))
+  // Code that is in no module may be replaced by other code at any time. An address that is too
+  // wide would be taken for another one.
+  if (isInModule && !MayGoUnseen(module) && address >> kAddressBits == 0)
     PlaceFor(address).store(packed, std::memory_order_relaxed);
   return packed;
 }

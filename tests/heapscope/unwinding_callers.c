@@ -7,7 +7,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-#define KEPT __attribute__((noinline, noclone))
+#define KEPT __attribute__((noinline))
 
 // A signal handler calls from here too, while the thread is here.
 static _Thread_local volatile int t_sink;
