@@ -221,9 +221,13 @@ int CollectorCommandHandler::releaseLock() {
 int CollectorCommandHandler::processCommands() {
   ZelCommandRecord records[ZEL_COMMAND_CAPACITY];
   int32_t count;
+  ZelCommandCallback callback;  // of this channel: there may be another before the last record
+  void* userData;
   {
     const SpinFlagGuard guard(g_segmentInUse);
     if (segment_ == nullptr) return -1;
+    callback = callback_;
+    userData = userData_;
     if (LoadRelaxed(segment_->pending) == 0) return 0;
     if (acquireLock() == 0) return 1;
     count = std::clamp(LoadRelaxed(segment_->pending), 0, ZEL_COMMAND_CAPACITY);
@@ -233,8 +237,8 @@ int CollectorCommandHandler::processCommands() {
   }
   for (ZelCommandRecord* record = records; record != records + count; ++record) {
     const int32_t* const arguments = record->arguments;
-    callback_(arguments[0], arguments[1], arguments[2], arguments[3], arguments[4], record->payload,
-              userData_);
+    callback(arguments[0], arguments[1], arguments[2], arguments[3], arguments[4], record->payload,
+             userData);
   }
   return 2;
 }

@@ -116,9 +116,10 @@ ZEL_API uint32_t __ZelRegisterCommandHandlerWithHeartbeat(const char* directory,
 ZEL_API uint32_t __ZelRegisterCommandHandler(const char* directory, ZelCommandCallback callback,
                                              void* userData);
 
-/* Stops the command thread, if one runs, and waits for its end as long as the wait service does: a
- * callback that takes longer comes to its end later, and is the last. Also called at the end of the
- * run. A callback must not call it. */
+/* Stops the command thread, if one runs, and waits for its end as long as the wait service does. A
+ * callback that takes longer comes to its end later; after it come the commands that were taken out
+ * of the segment together with its own, and nothing else. Also called at the end of the run. A
+ * callback must not call it. */
 ZEL_API void __ZelShutdownCommandHandler(void);
 
 /* Tears the channel down. Commands that wait are lost. The thread is not stopped; without its

@@ -294,6 +294,44 @@ TEST_F(CommandChannel, LockFileStaysOffTheStandardDescriptors) {
   }
 }
 
+TEST_F(CommandChannel, CommandsThatWereTakenKeepTheirCallback) {
+  static std::atomic<bool> s_mayGoOn;
+  static std::atomic<int> s_calls;
+  static uintptr_t s_thread;
+  // Gives up at once.
+  const ZelThreadWaitProc keep = [](uintptr_t* handle, uint32_t, uint32_t*) -> uint32_t {
+    s_thread = *handle;
+    return 0;
+  };
+  __ZelSetThreadProcs(zelhost::CreateServiceThread, zelhost::ExitThread, keep,
+                      zelhost::AddEndCallback);
+  const ZelCommandCallback slow = [](int, int, int, int, int, unsigned char*, void*) {
+    ++s_calls;
+    while (!s_mayGoOn) std::this_thread::sleep_for(1ms);
+  };
+  ASSERT_EQ(1u, __ZelRegisterCommandHandler("", slow, nullptr));
+  Control([](Controller& controller) {
+    controller.Lock();
+    controller.Append(1, 0, "");
+    controller.Append(2, 0, "");
+    controller.Unlock();
+    controller.Ring();
+  });
+  while (s_calls == 0) std::this_thread::sleep_for(1ms);
+  __ZelShutdownCommandHandler();
+  zelhost::Install();
+  __ZelUnregisterCommandHandler(ZELCMDHDLR_CLEAN_ALL);
+  const size_t before = g_received.Wait(0).size();
+  ASSERT_TRUE(Register());
+  s_mayGoOn = true;
+  Control([](Controller& controller) { controller.Send(3); });
+  const auto calls = g_received.Wait(before + 1);
+  ASSERT_EQ(before + 1, calls.size());
+  EXPECT_EQ(3, calls.back().arguments[0]);
+  EXPECT_EQ(1u, zelhost::WaitThread(&s_thread, 10000, nullptr));
+  EXPECT_EQ(2, s_calls);
+}
+
 #ifdef __SANITIZE_THREAD__
 constexpr bool kChildrenMayHaveThreads = false;  // its runtime ends them
 #else

@@ -103,6 +103,7 @@ uint32_t CreateNone(ZelThreadFunction, uintptr_t argument, size_t stackSize, uin
 class ChannelSetUp : public testing::Test {
  protected:
   void SetUp() override {
+    g_failing = Step::kNone;
     __ZelSetThreadProcs(zelhost::CreateServiceThread, CountedExit, zelhost::WaitThread, CountFini);
   }
   void ExpectNothingIsLeft(const char* what) {
