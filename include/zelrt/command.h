@@ -102,12 +102,13 @@ typedef enum _ZELCMDHDLRCLEANEXTENT
 } _ZELCMDHDLRCLEANEXTENT;
 
 /* Sets the channel up in an existing directory, the current one when the text is empty, and starts
- * the command thread. The lock file is made if it is not there; the segment of a process that has
- * gone without removing it is removed. Returns 1 when the channel is up; 0, with nothing left
- * behind, when a thread service is missing, the thread could not be made, the callback or the
- * directory is null, the path does not fit into 4,095 characters, a channel is up already, or the
- * system refuses something. The thread is then up to heartbeatSeconds without a command when it
- * calls the callback, and again as often; with 0 it waits without end. */
+ * the command thread. A relative path must lead to the same place until the channel is torn down.
+ * The lock file is made if it is not there; the segment of a process that has gone without removing
+ * it is removed. Returns 1 when the channel is up; 0, with nothing left behind, when a thread
+ * service is missing, the thread could not be made, the callback or the directory is null, the path
+ * does not fit into 4,095 characters, a channel is up already, or the system refuses something. The
+ * thread is then up to heartbeatSeconds without a command when it calls the callback, and again as
+ * often; with 0 it waits without end, with less it ends at once. */
 ZEL_API uint32_t __ZelRegisterCommandHandlerWithHeartbeat(const char* directory,
                                                           ZelCommandCallback callback,
                                                           void* userData, int heartbeatSeconds);
