@@ -203,6 +203,7 @@ class CommandController {
       if (result != ControlResult::kNoAnswer) return result;
       if (state != ControlResult::kDone) return state;
       if (isLate) return result;
+      if (Pending() != 0) RingUnlessRung();
       Sleep();
     }
   }
@@ -302,13 +303,18 @@ class CommandController {
     return std::clamp(std::atomic_ref(segment_->pending).load(), 0, ZEL_COMMAND_CAPACITY);
   }
 
+  // Repeats a ring that the command thread spent on a lock that was held, perhaps by a process that
+  // has been killed with it.
+  bool RingUnlessRung() const {
+    sembuf operations[] = {{ZEL_COMMAND_DOORBELL, 0, IPC_NOWAIT}, {ZEL_COMMAND_DOORBELL, 1, 0}};
+    return semop(semaphores_, operations, 2) == 0 || errno == EAGAIN;
+  }
+
   // Without the lock: the command thread does not wait for it, and would find it held again and
-  // again. A ring that it spent on a held lock is repeated.
+  // again.
   ControlResult WaitForRoom(Clock::time_point deadline) {
     while (Pending() == ZEL_COMMAND_CAPACITY) {
-      sembuf ringUnlessRung[] = {{ZEL_COMMAND_DOORBELL, 0, IPC_NOWAIT},
-                                 {ZEL_COMMAND_DOORBELL, 1, 0}};
-      if (semop(semaphores_, ringUnlessRung, 2) != 0 && errno != EAGAIN) return FromErrno();
+      if (!RingUnlessRung()) return FromErrno();
       const ControlResult state = Check();
       if (state != ControlResult::kDone) return state;
       if (Clock::now() >= deadline) return ControlResult::kFull;

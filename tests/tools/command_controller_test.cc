@@ -136,6 +136,33 @@ TEST_F(CommandControllerTest, HeldLockIsWaitedForAndNotForEver) {
   EXPECT_EQ(1U, process_.Noted().size());
 }
 
+// The ring of the request is spent on the lock of a process that is killed with it.
+TEST_F(CommandControllerTest, RequestOutlivesTheNextHolderOfTheLock) {
+  const int set = process_.semaphoreSet();
+  sembuf lock = {ZEL_COMMAND_LOCK, -1, SEM_UNDO};
+  const auto waiters = [set] { return semctl(set, ZEL_COMMAND_LOCK, GETNCNT); };
+  ASSERT_EQ(0, semop(set, &lock, 1));
+  const pid_t next = fork();
+  if (next == 0) {
+    while (waiters() == 0) usleep(100);
+    semop(set, &lock, 1);
+    for (;;) pause();
+  }
+  std::thread asker([&] {
+    CommandAnswer answer;
+    EXPECT_EQ(ControlResult::kDone,
+              controller_.Request(MakeCommand(Code::kAnswer, {1}), 5s, answer));
+  });
+  EXPECT_TRUE(zeltest::Eventually([&] { return waiters() == 2; }));
+  lock.sem_op = 1;
+  EXPECT_EQ(0, semop(set, &lock, 1));
+  EXPECT_TRUE(zeltest::Eventually([&] { return State().pending == 1; }));
+  std::this_thread::sleep_for(kShort);
+  kill(next, SIGKILL);
+  waitpid(next, nullptr, 0);
+  asker.join();
+}
+
 TEST_F(CommandControllerTest, ChannelTakenDownIsNoticed) {
   process_.TakeDown(ZELCMDHDLR_CLEAN_PARTIAL);  // the semaphores stay
   EXPECT_EQ(ControlResult::kGone, Send(Code::kNote, 0, kPatience));
