@@ -41,7 +41,7 @@ inline bool IsPrivateDirectory(const std::string& path) {
   struct stat status;
   if (lstat(path.c_str(), &status) != 0) return false;
   const bool isPrivate =
-      S_ISDIR(status.st_mode) && status.st_uid == geteuid() && (status.st_mode & 07777) == S_IRWXU;
+      S_ISDIR(status.st_mode) && status.st_uid == geteuid() && (status.st_mode & 0777) == S_IRWXU;
   if (!isPrivate) errno = EPERM;
   return isPrivate;
 }

@@ -276,6 +276,8 @@ TEST(CommandChannels, DirectoryOfOthersIsRefused) {
   unlink(above.c_str());
   ASSERT_TRUE(MakeChannelDirectory("name", made));
   EXPECT_TRUE(IsPrivateDirectory(made) && IsPrivateDirectory(above));
+  ASSERT_EQ(0, chmod(above.c_str(), 02700));  // as made in a directory with that bit
+  EXPECT_TRUE(IsPrivateDirectory(above));
   ASSERT_EQ(0, chmod(above.c_str(), 0755));
   EXPECT_FALSE(MakeChannelDirectory("name", made));
 }
