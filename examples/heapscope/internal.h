@@ -196,6 +196,22 @@ class NoForkMeanwhile {
   const bool isHeld_;
 };
 
+// Around what takes a lock of the loader that fork does not free in the child. A fork waits for its
+// end, but not for ever. Not to be begun with a lock held.
+class LoaderUse {
+ public:
+  LoaderUse();
+  ~LoaderUse();
+  LoaderUse(const LoaderUse&) = delete;
+  LoaderUse& operator=(const LoaderUse&) = delete;
+
+  bool IsBegun() const { return isBegun_; }
+
+ private:
+  bool isBegun_;
+};
+void ForgetLoaderUsesInChild();
+
 // Around fork and reset. The table of live blocks stays when the counts start anew.
 void HoldRecords();
 void ReleaseRecords();

@@ -38,6 +38,7 @@ void AfterForkInParent() { ReleaseRecords(); }
 
 void AfterForkInChild() {
   FreeTimelineInChild();
+  ForgetLoaderUsesInChild();
   GiveUpThreadPlaces();
   StartRecordsAnew();
   ForgetChannelInChild();

@@ -82,6 +82,7 @@ constinit Shard g_shards[kShards] = {};
 constinit LoneLevel g_classLevels[kSizeClasses] = {};
 constinit LoneLevel g_totalLevel = {};
 constinit ZelSpinLock g_forkGate = {};
+constinit std::atomic<uint32_t> g_loaderUses{0};  // grows under the gate
 constinit Amount g_inherited[kSizeClasses] = {};  // changes under all shards' locks
 constinit Amount g_early = {};
 constinit std::atomic<uint64_t> g_unrecorded{0};
@@ -116,6 +117,12 @@ bool AcquireUnlessForking(ZelSpinLock& lock) {
     __ZelYield();
   }
   return true;
+}
+
+// Not for ever: whoever uses the loader may wait for a lock of it that the calling thread holds.
+void WaitForLoaderUses() {
+  const int64_t start = NowNs();
+  while (g_loaderUses.load() != 0 && NowNs() - start < kForkPatienceNs) __ZelYield();
 }
 
 // Holds the shard of one address, unless a fork keeps it for too long.
@@ -336,9 +343,20 @@ NoForkMeanwhile::~NoForkMeanwhile() {
   if (isHeld_) __ZelReleaseSpinLock(&g_forkGate);
 }
 
+LoaderUse::LoaderUse() {
+  const NoForkMeanwhile noFork;
+  isBegun_ = noFork.IsHeld();
+  if (isBegun_) g_loaderUses.fetch_add(1);
+}
+LoaderUse::~LoaderUse() {
+  if (isBegun_) g_loaderUses.fetch_sub(1);
+}
+void ForgetLoaderUsesInChild() { g_loaderUses.store(0); }
+
 void HoldRecords() {
   const uint32_t self = Self();
   __ZelAcquireSpinLockTid(&g_forkGate, self);
+  WaitForLoaderUses();
   for (Shard& shard : g_shards) __ZelAcquireSpinLockTid(&shard.lock, self);
   g_shardsHeldSince.store(NowNs(), std::memory_order_relaxed);
 }

@@ -218,6 +218,8 @@ void WriteSites(ZelXmlWriter& result, uint32_t sites) {
 // held, and nothing may be allocated.
 std::string PathsOfLoadedFiles() {
   std::string paths;
+  const LoaderUse use;
+  if (!use.IsBegun()) return paths;
   paths.reserve(64 * 1024);
   dl_iterate_phdr(
       [](dl_phdr_info* info, size_t, void* result) {

@@ -231,6 +231,18 @@ TEST_F(ChannelTest, ImmediateExitClosesTheChannel) {
   EXPECT_EQ("", ChannelDirectory());
 }
 
+// The C library does not free that lock of the loader in the child.
+TEST_F(ChannelTest, ForkWaitsForASnapshotInTheLoader) {
+  Start({"-children", "-heartbeat", "0"});
+  Tell("l");
+  std::thread asker([&] { EXPECT_EQ(0, ExitStatus(Ask("snapshot"))); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(150));
+  EXPECT_EQ("gone", Tell("c")) << "the child can list what is loaded";
+  asker.join();
+  Tell("q");
+  EXPECT_TRUE(WIFEXITED(Wait()));
+}
+
 TEST_F(ChannelTest, ThereIsNobodyToAsk) {
   Start({"-no-channel"});
   EXPECT_EQ(125, ExitStatus(Ask("status")));

@@ -3,12 +3,37 @@
  *   f ADDRESS   frees
  *   t COUNT     allocates and frees so often
  *   c           runs a child that ends by exit
+ *   l           makes a thread that goes through the loaded files slow
  *   e           ends by _exit, q by exit */
 
+#define _GNU_SOURCE
+
+#include <dlfcn.h>
+#include <link.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+static volatile int isLoaderSlow;
+
+struct Visit {
+  int (*callback)(struct dl_phdr_info*, size_t, void*);
+  void* data;
+};
+
+static int visitSlowly(struct dl_phdr_info* info, size_t size, void* data) {
+  const struct Visit* const visit = data;
+  if (isLoaderSlow && gettid() != getpid()) usleep(100000);
+  return visit->callback(info, size, visit->data);
+}
+
+int dl_iterate_phdr(int (*callback)(struct dl_phdr_info*, size_t, void*), void* data) {
+  int (*const real)(int (*)(struct dl_phdr_info*, size_t, void*), void*) = (int (*)(
+      int (*)(struct dl_phdr_info*, size_t, void*), void*))dlsym(RTLD_NEXT, "dl_iterate_phdr");
+  struct Visit visit = {callback, data};
+  return real(visitSlowly, &visit);
+}
 
 int main(void) {
   static char input[BUFSIZ], output[BUFSIZ];
@@ -33,6 +58,10 @@ int main(void) {
         if (fork() == 0) exit(0);
         wait(NULL);
         puts("gone");
+        break;
+      case 'l':
+        isLoaderSlow = 1;
+        puts("slow");
         break;
       case 'e':
         _exit(7);
