@@ -32,10 +32,11 @@ namespace {
 constexpr int64_t kSavingShare = 20;
 
 struct Channel {
-  char directory[PATH_MAX];  // empty: there is none
-  bool isOwnDirectory;       // made by this process, and not by the launcher
-  ZelThreadFunction serve;   // what the command thread runs
-  int64_t nextSaveMs;        // by the monotonic clock
+  char directory[PATH_MAX];  // stays when the channel has gone: a late answer may be under way
+  bool isUp;
+  bool isOwnDirectory;      // made by this process, and not by the launcher
+  ZelThreadFunction serve;  // what the command thread runs
+  int64_t nextSaveMs;       // by the monotonic clock
   uint32_t snapshots;
 };
 constinit Channel g_channel = {};
@@ -219,27 +220,27 @@ void OpenChannel() {
     __ZelSetThreadProcs(CreateCommandThread, zelhost::ExitThread, zelhost::WaitThread,
                         zelhost::AddEndCallback);
     const auto seconds = static_cast<int>(g_options.HeartbeatSeconds());
-    if (__ZelRegisterCommandHandlerWithHeartbeat(g_channel.directory, OnCommand, nullptr,
-                                                 seconds) == 0)
-      g_channel.directory[0] = '\0';
+    g_channel.isUp = __ZelRegisterCommandHandlerWithHeartbeat(g_channel.directory, OnCommand,
+                                                              nullptr, seconds) != 0;
+    if (!g_channel.isUp && g_channel.isOwnDirectory) rmdir(g_channel.directory);
   } catch (...) {
   }
 }
 
 void CloseChannel() {
-  if (g_channel.directory[0] == '\0') return;
+  if (!g_channel.isUp) return;
   const ArenaUse arena;
   __ZelShutdownCommandHandler();
   __ZelUnregisterCommandHandler(ZELCMDHDLR_CLEAN_ALL);
   // Answers that nobody has fetched keep it: the launcher sees to them.
   if (g_channel.isOwnDirectory) rmdir(g_channel.directory);
-  g_channel.directory[0] = '\0';
+  g_channel.isUp = false;
 }
 
 void ForgetChannelInChild() {
-  if (g_channel.directory[0] == '\0') return;
+  if (!g_channel.isUp) return;
   __ZelUnregisterCommandHandler(ZELCMDHDLR_CLEAN_ALL);
-  g_channel.directory[0] = '\0';
+  g_channel.isUp = false;
 }
 
 }  // namespace heapscope
