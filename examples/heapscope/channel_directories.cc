@@ -3,6 +3,7 @@
 #include <sys/sem.h>
 #include <sys/shm.h>
 
+#include <ctime>
 #include <filesystem>
 #include <system_error>
 
@@ -13,19 +14,37 @@
 namespace heapscope {
 namespace {
 
-// Calls visit with the directory and the state of each channel that can be looked at.
+constexpr time_t kSetUpSeconds = 60;  // a channel that is not there by then will not come
+
+// Calls visit with each directory that is named as one of a channel.
 template <typename Visit>
-void ForEachChannel(Visit visit) {
+void ForEachDirectory(Visit visit) {
   std::error_code error;
   const std::string prefix = std::string(kChannelName) + ".";
   for (const auto& entry : std::filesystem::directory_iterator(zelrt::ChannelsDirectory(), error)) {
-    if (!entry.path().filename().string().starts_with(prefix)) continue;
+    if (entry.path().filename().string().starts_with(prefix)) visit(entry.path().string());
+  }
+}
+
+// Calls visit with the directory and the state of each channel that can be looked at.
+template <typename Visit>
+void ForEachChannel(Visit visit) {
+  ForEachDirectory([&](const std::string& directory) {
     zelrt::CommandController controller;
     zelrt::ChannelState state;
-    if (controller.Open(entry.path()) == zelrt::ControlResult::kDone &&
+    if (controller.Open(directory) == zelrt::ControlResult::kDone &&
         controller.State(state) == zelrt::ControlResult::kDone)
-      visit(entry.path(), state);
-  }
+      visit(directory, state);
+  });
+}
+
+// Left by a process that took its channel down while an answer lay there, or was killed before it
+// had one.
+bool IsAbandoned(const std::string& directory) {
+  struct stat status;
+  zelrt::CommandController controller;
+  return controller.Open(directory) == zelrt::ControlResult::kNoChannel &&
+         lstat(directory.c_str(), &status) == 0 && status.st_mtime < time(nullptr) - kSetUpSeconds;
 }
 
 }  // namespace
@@ -49,6 +68,9 @@ void RemoveChannel(const std::string& directory) {
 void RemoveStaleChannels() {
   ForEachChannel([](const std::string& directory, const zelrt::ChannelState& state) {
     if (state.isStale) RemoveChannel(directory);
+  });
+  ForEachDirectory([](const std::string& directory) {
+    if (IsAbandoned(directory)) RemoveChannel(directory);
   });
 }
 

@@ -243,6 +243,24 @@ TEST_F(ChannelTest, ForkWaitsForASnapshotInTheLoader) {
   EXPECT_TRUE(WIFEXITED(Wait()));
 }
 
+TEST_F(ChannelTest, AbandonedDirectoriesAreSwept) {
+  const std::string above = directory_.File("zelrt");
+  for (const std::string name : {"/heapscope.oldold", "/heapscope.newnew"}) {
+    std::filesystem::create_directories(above + name);
+    std::filesystem::permissions(above, std::filesystem::perms::owner_all);
+    FILE* const answer = std::fopen((above + name + "/answer.1").c_str(), "w");
+    ASSERT_NE(nullptr, answer);
+    std::fclose(answer);
+  }
+  const timespec old[] = {{1, 0}, {1, 0}};
+  ASSERT_EQ(0, utimensat(AT_FDCWD, (above + "/heapscope.oldold").c_str(), old, 0));
+  Start({"-children"});
+  Tell("q");
+  Wait();
+  EXPECT_EQ(above + "/heapscope.newnew", ChannelDirectory());
+  EXPECT_FALSE(exists(above + "/heapscope.oldold"));
+}
+
 TEST_F(ChannelTest, ThereIsNobodyToAsk) {
   Start({"-no-channel"});
   EXPECT_EQ(125, ExitStatus(Ask("status")));
