@@ -377,9 +377,9 @@ void StartRecordsAnew() {
   g_totalLevel.ForgetPeak();
   g_unrecorded.store(0);
   g_leftOut.store(0);
+  t_latest = nullptr;  // was allocated before; in a child, the forking thread is all there is
   ResetThreads();
   StartSitesAnew();
-  ForgetTimeline();
   for (Shard& shard : g_shards) {
     Counters& counters = shard.counters;
     for (Counter& calls : counters.calls) calls.Reset();
@@ -396,6 +396,8 @@ void StartRecordsAnew() {
       sizeClass.temporaryBytes.Reset();
     }
   }
+  // Last: a thread that holds no shard may have added a point in the middle of it.
+  ForgetTimeline();
 }
 
 void ReadFigures(Figures* figures) {

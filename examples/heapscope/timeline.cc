@@ -52,18 +52,18 @@ void MakeRoom() {
   g_intervalMs *= 2;
 }
 
+uint64_t MsSinceStart() {
+  const int64_t sinceStart = NowMs() - g_process.startedMs;
+  return sinceStart > 0 ? static_cast<uint64_t>(sinceStart) : 0;
+}
+
 TimelinePoint PointNow() {
   Figures figures;
   ReadFigures(&figures);
   const Flow& total = figures.total;
   const Amount live = total.Live();
-  const int64_t sinceStart = NowMs() - g_process.startedMs;
-  return {sinceStart > 0 ? static_cast<uint64_t>(sinceStart) : 0,
-          live.blocks,
-          live.bytes,
-          total.allocated.blocks,
-          total.allocated.bytes,
-          OwnMappedBytes()};
+  return {MsSinceStart(),         live.blocks,           live.bytes,
+          total.allocated.blocks, total.allocated.bytes, OwnMappedBytes()};
 }
 
 }  // namespace
@@ -95,7 +95,8 @@ void ReadTimeline(void (*visit)(const TimelinePoint& point, void* context), void
 
 uint64_t AllocationRate() {
   const TimelinePoint now = PointNow();
-  const uint64_t milliseconds = std::max<uint64_t>(now.atMs - g_rateMs, 1);
+  // The clock of the day may be set back.
+  const uint64_t milliseconds = now.atMs > g_rateMs ? now.atMs - g_rateMs : 1;
   const uint64_t blocks = now.allocatedBlocks - g_rateBlocks;
   g_rateMs = now.atMs;
   g_rateBlocks = now.allocatedBlocks;
@@ -107,6 +108,7 @@ void ForgetTimeline() {
     g_count = 0;
     g_intervalMs = kFirstIntervalMs;
     g_nextMs.store(0, std::memory_order_relaxed);
+    g_rateMs = MsSinceStart();
     g_rateBlocks = 0;
   });
 }

@@ -24,7 +24,7 @@ void NoteTimeNowAndThen();
 // Goes through the points in their order. Meanwhile none are added.
 void ReadTimeline(void (*visit)(const TimelinePoint& point, void* context), void* context);
 
-// Allocations in a second, since the last call or the start.
+// Allocations in a second, since the last call, the start or a reset.
 uint64_t AllocationRate();
 
 void ForgetTimeline();
