@@ -22,6 +22,16 @@
 #include "host/host.h"
 #include "zelrt/runtime.h"
 
+// The C library's own pthread_atfork, linked into this library, would have the handlers taken out
+// with it, at the beginning of the end. But other threads fork until the process is gone: the C
+// library stops one that is between the handlers then, and a later child would find the shards as
+// they happened to be. So they are those of no library. What host/ registers comes here too.
+extern "C" int __register_atfork(void (*before)(), void (*inParent)(), void (*inChild)(),
+                                 void* library);
+extern "C" int pthread_atfork(void (*before)(), void (*inParent)(), void (*inChild)()) noexcept {
+  return __register_atfork(before, inParent, inChild, nullptr);
+}
+
 namespace heapscope {
 
 constinit std::atomic<State> g_state{State::kUntouched};

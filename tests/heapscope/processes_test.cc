@@ -64,6 +64,14 @@ TEST(ProcessesTest, AForkThatWaitsForAnAllocatingThreadGoesOn) {
   EXPECT_LE(200, summaries.back().irregularities.at("calls not counted, because of a slow fork"));
 }
 
+// The collector's own destructors have run, its fork handlers must still be there.
+TEST(ProcessesTest, AForkInALateDestructorHasCounts) {
+  const auto [outcome, summaries] = RunPart("late-fork");
+  EXPECT_EQ(0, ExitStatus(outcome)) << outcome.errors;
+  ASSERT_EQ(2u, summaries.size());
+  EXPECT_EQ(summaries[1].process, summaries[0].forkedFrom);
+}
+
 TEST(ProcessesTest, AnExecReplacesTheCounts) {
   const auto [outcome, summaries] = RunPart("exec");
   EXPECT_EQ(0, ExitStatus(outcome)) << outcome.errors;

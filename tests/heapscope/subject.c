@@ -328,7 +328,8 @@ static void __attribute__((destructor)) FreeLater(void) {
   free(g_last);
   g_last = malloc(502);
 }
-void AllocateInDestructor(void);  // of late_library.c
+void AllocateInDestructor(void);  // of late_library.c, as the next
+void ForkInDestructor(void);
 static void LateAllocations(void) {
   atexit(AllocateLate);
   AllocateInDestructor();
@@ -416,6 +417,7 @@ static const struct {
     {"abort", Abort},
     {"kill-itself", KillItself},
     {"late-allocations", LateAllocations},
+    {"late-fork", ForkInDestructor},
     {"new-descriptors", NewDescriptors},
     {"take-all-descriptors", TakeAllDescriptors},
     {"run-out-of-memory", RunOutOfMemory},
