@@ -52,14 +52,15 @@ bool SetSemaphore(int set, int number, int value) {
 }
 
 // Removes the segment that the lock file still names when the process that made it was killed, or
-// when nobody has it attached any more.
+// has become another program, or when nobody has it attached any more.
 void RemoveOrphan(int lockFile) {
   int32_t id;
   shmid_ds status;
   if (pread(lockFile, &id, sizeof id, 0) != sizeof id) return;
   if (shmctl(id, IPC_STAT, &status) != 0) return;
   if (status.shm_segsz != sizeof(ZelCommandSegment) || status.shm_perm.cuid != geteuid()) return;
-  const bool isMakerGone = kill(status.shm_cpid, 0) != 0 && errno == ESRCH;
+  const bool isMakerGone =
+      status.shm_cpid == getpid() || (kill(status.shm_cpid, 0) != 0 && errno == ESRCH);
   if (isMakerGone || status.shm_nattch == 0) shmctl(id, IPC_RMID, nullptr);
 }
 

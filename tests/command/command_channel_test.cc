@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/shm.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -273,6 +274,18 @@ TEST_F(CommandChannel, AgainWithoutAShutdown) {
   ASSERT_TRUE(Register());
   Control([](Controller& controller) { controller.Send(1); });
   EXPECT_EQ(1u, g_received.Wait(1).size());
+}
+
+// As after an exec while a controller is attached.
+TEST_F(CommandChannel, SegmentOfTheProgramBeforeIsRemoved) {
+  const int32_t before = shmget(IPC_PRIVATE, sizeof(ZelCommandSegment), IPC_CREAT | 0600);
+  void* const attached = shmat(before, nullptr, 0);
+  zeltest::WriteFile("ulvcmds.dat",
+                     std::string(reinterpret_cast<const char*>(&before), sizeof before));
+  EXPECT_TRUE(Register());
+  shmdt(attached);
+  EXPECT_FALSE(zeltest::SegmentExists(before));
+  shmctl(before, IPC_RMID, nullptr);
 }
 
 TEST_F(CommandChannel, LockFileStaysOffTheStandardDescriptors) {
