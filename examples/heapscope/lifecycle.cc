@@ -40,7 +40,9 @@ constinit Options g_options;
 
 namespace {
 
-constinit std::atomic<bool> g_hasReported{false};
+enum class Report : uint32_t { kOpen, kBeingWritten, kClosed };
+constinit std::atomic<Report> g_report{Report::kOpen};
+constexpr int64_t kReportPatienceMs = 5000;
 
 void BeforeFork() { HoldRecords(); }
 
@@ -56,7 +58,8 @@ void AfterForkInChild() {
   g_process.id = getpid();
   g_process.startedMs = NowMs();
   g_process.resetMs = 0;
-  g_hasReported.store(!g_options.KeepsChildren());
+  g_report.store(g_options.KeepsChildren() ? Report::kOpen : Report::kClosed);
+  ResumeRecords();  // nobody can ask the child to
   KeepOutputInChild();
   StartChildLog();
   StartChildResult();
@@ -98,6 +101,13 @@ void HideFromChildren() {
   unsetenv(Options::kVariable);
   unsetenv("HEAPSCOPE_STDERR");
   unsetenv(kChannelVariable);
+}
+
+// Two threads may end the process at once: the second must not cut the first one's writing short.
+void AwaitReport() {
+  const int64_t start = NowMs();
+  while (g_report.load() == Report::kBeingWritten && NowMs() - start < kReportPatienceMs)
+    __ZelYield();
 }
 
 void AtExit(int, void*) { ReportOnce(); }
@@ -148,8 +158,12 @@ void ReportOnce() {
   // nobody will release.
   if (g_state.load(std::memory_order_acquire) != State::kCounting || g_process.id != getpid())
     return;
-  if (g_hasReported.exchange(true)) return;
   const InsideCollector inside;
+  Report found = Report::kOpen;
+  if (!g_report.compare_exchange_strong(found, Report::kBeingWritten)) {
+    if (inside.IsOutermost()) AwaitReport();
+    return;
+  }
   // A signal handler that interrupted the collector ends the process: nothing that needs a lock.
   if (inside.IsOutermost()) {
     CloseChannel();
@@ -163,6 +177,7 @@ void ReportOnce() {
     LogEnd(figures);
   }
   WriteSummary(figures);
+  g_report.store(Report::kClosed);
 }
 
 }  // namespace heapscope
