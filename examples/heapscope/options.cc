@@ -2,6 +2,7 @@
 
 #include "examples/heapscope/options.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -86,7 +87,7 @@ uint32_t Options::Depth() const {
 bool Options::KeepsChildren() const { return __ZelGetBooleanOptionValue(parser_, children_) != 0; }
 bool Options::WantsChannel() const { return __ZelGetBooleanOptionValue(parser_, channel_) != 0; }
 uint32_t Options::HeartbeatSeconds() const {
-  return static_cast<uint32_t>(__ZelGetIntegerOptionValue(parser_, heartbeat_));
+  return static_cast<uint32_t>(std::max(__ZelGetIntegerOptionValue(parser_, heartbeat_), 0));
 }
 bool Options::WantsHelp() const { return __ZelGetBooleanOptionValue(parser_, help_) != 0; }
 const char* Options::OutDirectory() const { return __ZelGetPathOptionValue(parser_, out_); }
