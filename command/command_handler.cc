@@ -154,7 +154,7 @@ CollectorCommandHandler::CollectorCommandHandler()
       semaphores_(kNone),
       lockOperation_{ZEL_COMMAND_LOCK, 0, IPC_NOWAIT | SEM_UNDO} {}
 
-CollectorCommandHandler::~CollectorCommandHandler() {}
+CollectorCommandHandler::~CollectorCommandHandler() = default;
 
 int CollectorCommandHandler::initializeCommandHandler(const char* directory,
                                                       ZelCommandCallback callback, void* userData) {

@@ -26,6 +26,7 @@
 // with it, at the beginning of the end. But other threads fork until the process is gone: the C
 // library stops one that is between the handlers then, and a later child would find the shards as
 // they happened to be. So they are those of no library. What host/ registers comes here too.
+// NOLINTNEXTLINE(readability-identifier-naming,bugprone-reserved-identifier): the C library's
 extern "C" int __register_atfork(void (*before)(), void (*inParent)(), void (*inChild)(),
                                  void* library);
 extern "C" int pthread_atfork(void (*before)(), void (*inParent)(), void (*inChild)()) noexcept {

@@ -40,6 +40,8 @@ void TakeAnd(Use use) {
   }
 }
 
+constinit thread_local uint32_t t_calls = 0;  // since the start, of NoteTimeNowAndThen
+
 int64_t CoarseMs() {
   timespec now;
   clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
@@ -80,7 +82,6 @@ void NoteTime() {
 }
 
 void NoteTimeNowAndThen() {
-  static constinit thread_local uint32_t t_calls = 0;
   if (++t_calls % kCallsBetweenLooks != 0) [[likely]]
     return;
   if (CoarseMs() >= g_nextMs.load(std::memory_order_relaxed)) [[unlikely]]

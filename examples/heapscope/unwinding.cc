@@ -34,6 +34,7 @@ struct UnwindBases {
   void* data;
   void* function;
 };
+// NOLINTNEXTLINE(readability-identifier-naming): the name is not ours
 extern "C" const void* _Unwind_Find_FDE(void* address, UnwindBases* bases);
 
 namespace heapscope {

@@ -27,7 +27,7 @@ class Modules {
 
 // frame: /usr/lib/libz.so.1+0x2f10
 std::string NameFrame(std::string_view line, Modules& modules) {
-  const std::string asItIs = CleanText(line) + "\n";
+  std::string asItIs = CleanText(line) + "\n";
   const size_t end = line.rfind(kHexadecimal);
   if (!line.starts_with(kFrame) || end == std::string_view::npos) return asItIs;
   const std::string_view digits = line.substr(end + kHexadecimal.size());
