@@ -4,104 +4,102 @@
 #include <signal.h>
 
 #include <set>
+#include <sstream>
 
-#include "tests/heapscope/run.h"
-#include "tests/heapscope/summary_reader.h"
+#include "tests/heapscope/heapscope_run.h"
 
 namespace {
 
-constexpr char kProgram[] = "heapscope_subject";
-
-struct PartRun {
-  Outcome outcome;
-  std::vector<Summary> summaries;
-};
-
-PartRun RunPart(const std::string& part) {
-  const TemporaryDirectory directory;
-  const std::string file = directory.File("summary");
-  PartRun result;
-  result.outcome = RunCommand(UnderHeapscope({"-children", "-summary", file}, {SUBJECT, part}));
-  result.summaries = ReadSummaries(Contents(file));
-  return result;
-}
-
 TEST(ProcessesTest, ForksBesideAllocationsNeitherHangNorMiscount) {
   if (!kCountsAreTheProgramsOwn) GTEST_SKIP();
-  const auto [outcome, summaries] = RunPart("forks");
-  EXPECT_FALSE(outcome.timedOut);
-  EXPECT_EQ(0, ExitStatus(outcome)) << outcome.errors;
+  const HeapscopeRun run = RunPart("forks");
+  EXPECT_EQ(0, run.GetOutcome().status) << run.GetOutcome().errors;
+  const std::vector<Summary>& summaries = run.Summaries();
   ASSERT_LE(201u, summaries.size());
-
   std::set<int> processes;
-  int64_t childrenOfMain = 0;
-  for (const Summary& summary : summaries) {
-    EXPECT_EQ(kProgram, summary.name);
-    EXPECT_TRUE(processes.insert(summary.process).second);
-    EXPECT_EQ((std::map<std::string, int64_t>()), summary.irregularities);
-    if (summary.forkedFrom == 0) continue;
+  int childrenOfMain = 0;
+  for (const auto& [name, process, forkedFrom, figures, irregularities] : summaries) {
+    EXPECT_EQ("heapscope_subject", name);
+    EXPECT_TRUE(processes.insert(process).second);
+    EXPECT_EQ(Figures(), irregularities);
+    if (forkedFrom == 0) continue;
     // A child has what it did itself, on top of what was live.
-    EXPECT_EQ(summaries.back().process, summary.forkedFrom);
-    EXPECT_EQ(10, summary.calls.at("malloc"));
-    EXPECT_EQ((Amounts{10, 1045}), summary.totals.at("allocated"));
-    const bool isChildOfMain = summary.calls.at("free") == 6;
+    EXPECT_EQ(summaries.back().process, forkedFrom);
+    EXPECT_EQ((Numbers{10, 1045}), figures.at("allocated"));
+    const bool isChildOfMain = figures.at("free") == Numbers{6};
     childrenOfMain += isChildOfMain;
-    const Amounts freed = isChildOfMain ? Amounts{6, 510 + 33} : Amounts{5, 510};
-    const Amounts inherited = summary.totals.at("inherited");
-    EXPECT_EQ(freed, summary.totals.at("freed"));
-    EXPECT_LE(200, inherited.blocks);
-    EXPECT_EQ((Amounts{inherited.blocks + 10 - freed.blocks, inherited.bytes + 1045 - freed.bytes}),
-              summary.totals.at("live at end"));
+    const Numbers freed = isChildOfMain ? Numbers{6, 510 + 33} : Numbers{5, 510};
+    const Numbers& inherited = figures.at("inherited");
+    EXPECT_EQ(freed, figures.at("freed"));
+    EXPECT_LE(200, inherited[0]);
+    EXPECT_EQ((Numbers{inherited[0] + 10 - freed[0], inherited[1] + 1045 - freed[1]}),
+              figures.at("live at end"));
   }
   EXPECT_EQ(200, childrenOfMain);
   EXPECT_EQ(0, summaries.back().forkedFrom);
+
+  run.ExpectAllAreValid();
+  const std::vector<std::string> results = run.Files("xml"), logs = run.Files("log");
+  EXPECT_EQ(summaries.size(), results.size());
+  EXPECT_EQ(summaries.size(), logs.size());
+  std::vector<std::string> arguments = {"xmllint", "--xpath",
+                                        "//msg[position()>1]/type[.!='VALUES']/text()"};
+  arguments.insert(arguments.end(), logs.begin(), logs.end());
+  std::istringstream answer(RunCommand({.arguments = arguments}).output);
+  size_t ends = 0;
+  for (std::string type; answer >> type; ++ends) EXPECT_EQ("PROCESS_ENDED", type);
+  EXPECT_EQ(logs.size(), ends);
+
+  // Sites too go on with what was live.
+  for (const std::string amount : {"inherited", "allocated", "freed", "live"})
+    EXPECT_EQ(AskAmounts(results[0], "//totals/" + amount),
+              AskAmounts(results[0], "//site/" + amount))
+        << amount;
 }
 
 TEST(ProcessesTest, AForkThatWaitsForAnAllocatingThreadGoesOn) {
-  const auto [outcome, summaries] = RunPart("fork-beside-flush");
-  EXPECT_EQ(0, ExitStatus(outcome)) << outcome.errors;
-  ASSERT_LE(1u, summaries.size());
-  EXPECT_LE(200, summaries.back().irregularities.at("calls not counted, because of a slow fork"));
+  const HeapscopeRun run = RunPart("fork-beside-flush");
+  EXPECT_EQ(0, run.GetOutcome().status) << run.GetOutcome().errors;
+  ASSERT_LE(1u, run.Summaries().size());
+  EXPECT_LE(Numbers{200},
+            run.Summaries().back().irregularities.at("calls not counted, because of a slow fork"));
 }
 
 // The collector's own destructors have run, its fork handlers must still be there.
 TEST(ProcessesTest, AForkInALateDestructorHasCounts) {
-  const auto [outcome, summaries] = RunPart("late-fork");
-  EXPECT_EQ(0, ExitStatus(outcome)) << outcome.errors;
-  ASSERT_EQ(2u, summaries.size());
-  EXPECT_EQ(summaries[1].process, summaries[0].forkedFrom);
+  const HeapscopeRun run = RunPart("late-fork");
+  EXPECT_EQ(0, run.GetOutcome().status) << run.GetOutcome().errors;
+  ASSERT_EQ(2u, run.Summaries().size());
+  EXPECT_EQ(run.Summaries()[1].process, run.Summaries()[0].forkedFrom);
 }
 
 TEST(ProcessesTest, AnExecReplacesTheCounts) {
-  const auto [outcome, summaries] = RunPart("exec");
-  EXPECT_EQ(0, ExitStatus(outcome)) << outcome.errors;
-  ASSERT_EQ(1u, summaries.size());
-  EXPECT_EQ(0u, summaries[0].classes.count("16 KiB"));
-  EXPECT_EQ(1, summaries[0].calls.at("pvalloc"));
+  const Figures figures = RunPart("exec").OnlySummary().figures;
+  EXPECT_FALSE(figures.contains("16 KiB"));
+  EXPECT_TRUE(figures.contains("pvalloc"));
 }
 
 // The parent allocates after its children are gone, and would have no summary left to say so.
 TEST(ProcessesTest, AChildThatOnlyBorrowsTheMemoryWritesNothing) {
-  const auto [outcome, summaries] = RunPart("vfork");
-  EXPECT_EQ(0, ExitStatus(outcome)) << outcome.errors;
-  ASSERT_EQ(1u, summaries.size());
-  EXPECT_EQ(1, summaries[0].classes.at("16 KiB").live);
+  EXPECT_EQ(1, RunPart("vfork").OnlySummary().figures.at("16 KiB")[0]);
 }
 
 struct End {
   const char* part;
   int status;
-  size_t summaries;
+  size_t results;
 };
 void PrintTo(const End& end, std::ostream* stream) { *stream << end.part; }
 
 class EndsTest : public testing::TestWithParam<End> {};
 
-TEST_P(EndsTest, StatusIsUnchangedAndASummaryIsLeftIfThereCanBeOne) {
-  const auto [outcome, summaries] = RunPart(GetParam().part);
-  EXPECT_EQ(GetParam().status, ExitStatus(outcome));
-  EXPECT_EQ("", outcome.output + outcome.errors);
-  EXPECT_EQ(GetParam().summaries, summaries.size());
+TEST_P(EndsTest, StatusIsUnchangedAndAResultIsLeftIfThereCanBeOne) {
+  const HeapscopeRun run = RunPart(GetParam().part);
+  EXPECT_EQ(GetParam().status, run.GetOutcome().status);
+  EXPECT_EQ("", run.GetOutcome().output + run.GetOutcome().errors);
+  EXPECT_EQ(GetParam().results, run.Summaries().size());
+  EXPECT_EQ(GetParam().results, run.Files("xml").size());
+  EXPECT_NE(std::string::npos, zeltest::ReadFile(run.OnlyFile("log")).find("PROCESS_STARTED"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Ends, EndsTest,
@@ -109,5 +107,10 @@ INSTANTIATE_TEST_SUITE_P(Ends, EndsTest,
                                          End{"exit-at-once", 9, 1}, End{"exit-at-once-too", 10, 1},
                                          End{"abort", -SIGABRT, 0},
                                          End{"kill-itself", -SIGKILL, 0}));
+
+// What the handler interrupted may hold any lock that an allocation takes.
+TEST(ProcessesTest, AProcessCanEndInASignalHandler) {
+  for (int i = 0; i < 30; ++i) ASSERT_EQ(11, RunPart("exit-in-handler").GetOutcome().status);
+}
 
 }  // namespace

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 
 #include "examples/heapscope/report/call_paths.h"
 #include "examples/heapscope/report/collapsed.h"
@@ -15,15 +14,14 @@
 #include "examples/heapscope/report/tables.h"
 #include "examples/heapscope/report/text.h"
 #include "tests/heapscope/run.h"
+#include "tests/support/temporary_directory.h"
 
 namespace heapscope::report {
 namespace {
 
-const ProgressReport kNoProgress = [](size_t, size_t) {};
+using zeltest::WriteFile;
 
-void Write(const std::string& path, const std::string& text) {
-  std::ofstream(path, std::ios::binary) << text;
-}
+const ProgressReport kNoProgress = [](size_t, size_t) {};
 
 std::string Replaced(std::string text, const std::string& from, const std::string& to) {
   for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size())
@@ -76,7 +74,7 @@ allocated_bytes="3000" own_bytes="9500"/></timeline>
 class ReportTest : public testing::Test {
  protected:
   NamedResult Named(const std::string& text) {
-    Write(directory_.File("result.xml"), text);
+    WriteFile(directory_.File("result.xml"), text);
     return NameSites(ReadResult(directory_.File("result.xml"), kNoProgress), {}, kNoProgress);
   }
 
@@ -87,18 +85,19 @@ class ReportTest : public testing::Test {
 
   // One path allocates 2,000 bytes less, another 2,048 more.
   void WriteOldAndNew() {
-    Write(directory_.File("old.xml"), kResult);
+    WriteFile(directory_.File("old.xml"), kResult);
     const std::string less = Replaced(kResult, R"("3" bytes="3000")", R"("3" bytes="1000")");
-    Write(directory_.File("new.xml"), Replaced(less, R"("2" bytes="24")", R"("2" bytes="2072")"));
+    WriteFile(directory_.File("new.xml"),
+              Replaced(less, R"("2" bytes="24")", R"("2" bytes="2072")"));
   }
 
-  const TemporaryDirectory directory_;
+  const zeltest::TemporaryDirectory directory_;
 };
 
 TEST_F(ReportTest, TablesRankPathsByEachFigure) {
-  Write(directory_.File("result.xml"), kResult);
+  WriteFile(directory_.File("result.xml"), kResult);
   const Outcome outcome = Report({directory_.File("result.xml")});
-  EXPECT_EQ(0, ExitStatus(outcome));
+  EXPECT_EQ(0, outcome.status);
   EXPECT_EQ("", outcome.errors);
   const std::string x = "        libx.so+0x40\n        program+0x20\n";
   const std::string program = "        program+0x10\n        program+0x20\n";
@@ -133,9 +132,9 @@ TEST_F(ReportTest, CollapsedStacksHaveEveryPath) {
 
 TEST_F(ReportTest, FormatTwoHasNoTemporaryBlocks) {
   std::string text = Replaced(kResult, R"(format="3" written="heartbeat")", R"(format="2")");
-  Write(directory_.File("two.xml"), text);
+  WriteFile(directory_.File("two.xml"), text);
   const Outcome outcome = Report({directory_.File("two.xml")});
-  EXPECT_EQ(0, ExitStatus(outcome));
+  EXPECT_EQ(0, outcome.status);
   EXPECT_TRUE(Has(outcome.output, "at the end of the process"));
   EXPECT_FALSE(Has(outcome.output, "  temporary"));
 }
@@ -177,7 +176,7 @@ TEST_F(ReportTest, DiffSaysWhatGrewAndShrank) {
   WriteOldAndNew();
   const Outcome outcome =
       Report({"--diff", directory_.File("old.xml"), directory_.File("new.xml")});
-  EXPECT_EQ(0, ExitStatus(outcome));
+  EXPECT_EQ(0, outcome.status);
   for (const char* const part :
        {"Grown by bytes  1 call path, together +2.00 KiB\n   1      +2.00 KiB              +2,048",
         "Shrunk by bytes  1 call path, together -1.95 KiB\n   1      -1.95 KiB              -2,000"
@@ -219,10 +218,10 @@ TEST_F(ReportTest, WhatIsCompleteOfATruncatedFileIsUsed) {
 }
 
 TEST_F(ReportTest, BrokenFilesAreReadUntilTheBreak) {
-  Write(directory_.File("result.xml"),
-        Replaced(kResult, "<site><allocated blocks=\"1\"", "<site></x>"));
+  WriteFile(directory_.File("result.xml"),
+            Replaced(kResult, "<site><allocated blocks=\"1\"", "<site></x>"));
   const Outcome outcome = Report({directory_.File("result.xml"), "--collapsed", "-"});
-  EXPECT_EQ(0, ExitStatus(outcome));
+  EXPECT_EQ(0, outcome.status);
   EXPECT_TRUE(Has(outcome.errors, "the file is broken at byte ")) << outcome.errors;
   EXPECT_EQ("program+0x20;libx.so+0x40 3000\nprogram+0x20;program+0x10 1000\n", outcome.output);
   EXPECT_TRUE(Has(Named(Replaced(kResult, "\"4074\"", "\"-1\"")).result.damage.at(0),
@@ -242,19 +241,19 @@ TEST_F(ReportTest, WhatIsNoResultFileIsAnError) {
                {"<heapscope_result format='1'/>", "format 1"},
                {"<heapscope_result format='4'/>", "format 4"}};
   for (const auto& [text, error] : files) {
-    Write(directory_.File("file"), text);
+    WriteFile(directory_.File("file"), text);
     const Outcome outcome = Report({directory_.File("file")});
-    EXPECT_EQ(1, ExitStatus(outcome)) << text;
+    EXPECT_EQ(1, outcome.status) << text;
     EXPECT_TRUE(Has(outcome.errors, error)) << outcome.errors;
   }
-  EXPECT_EQ(1, ExitStatus(Report({directory_.File("none")})));
-  EXPECT_EQ(1, ExitStatus(Report({directory_.File("")})));
-  Write(directory_.File("result.xml"), kResult);
-  EXPECT_EQ(1, ExitStatus(Report({directory_.File("result.xml"), "--html", "/dev/full"})));
+  EXPECT_EQ(1, Report({directory_.File("none")}).status);
+  EXPECT_EQ(1, Report({directory_.File("")}).status);
+  WriteFile(directory_.File("result.xml"), kResult);
+  EXPECT_EQ(1, Report({directory_.File("result.xml"), "--html", "/dev/full"}).status);
   for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
            {}, {"--top", "0", "x"}, {"--metric", "x", "x"}, {"--diff", "x"}, {"--unknown", "x"}})
-    EXPECT_EQ(2, ExitStatus(Report(arguments)));
-  EXPECT_EQ(0, ExitStatus(Report({"--help"})));
+    EXPECT_EQ(2, Report(arguments).status);
+  EXPECT_EQ(0, Report({"--help"}).status);
 }
 
 TEST_F(ReportTest, TextFromOutsideDoesNoHarm) {
@@ -283,8 +282,7 @@ class SymbolsTest : public ReportTest {
   void SetUp() override {
     if (std::string(LAUNCHER).empty()) GTEST_SKIP() << "heapscope is not built here";
     std::filesystem::copy(REPORT_SUBJECT, program_);
-    ASSERT_EQ(0,
-              ExitStatus(RunCommand(UnderHeapscope({"-out", directory_.File("out")}, {program_}))));
+    ASSERT_EQ(0, RunCommand(UnderHeapscope({"-out", directory_.File("out")}, {program_})).status);
     for (const auto& entry : std::filesystem::directory_iterator(directory_.File("out"))) {
       if (entry.path().extension() == ".xml") result_ = entry.path();
     }
@@ -292,7 +290,7 @@ class SymbolsTest : public ReportTest {
 
   void Change(const std::vector<std::string>& command) {
     const Outcome outcome = RunCommand({.arguments = command});
-    ASSERT_EQ(0, ExitStatus(outcome)) << outcome.errors;
+    ASSERT_EQ(0, outcome.status) << outcome.errors;
   }
 
   const std::string program_ = directory_.File("program");
@@ -320,7 +318,7 @@ TEST_F(SymbolsTest, FramesOfAnAnswerAreNamed) {
                                 "string(//site[allocated/@blocks=100]/frame/@offset)", result_}})
           .output;
   const std::string line = "frame: " + program_ + "+" + offset;
-  Write(directory_.File("answer"), "size: 7\nframe: nonsense+0x\nframe: /missing+0x1\n" + line);
+  WriteFile(directory_.File("answer"), "size: 7\nframe: nonsense+0x\nframe: /missing+0x1\n" + line);
   const Outcome outcome =
       RunCommand({.arguments = {"/bin/sh", "-c",
                                 std::string(REPORTER) + " --where <" + directory_.File("answer")}});
@@ -396,7 +394,7 @@ note("external", performance.getEntriesByType("resource").length);
 class PageTest : public ReportTest {
  protected:
   void SetUp() override {
-    if (ExitStatus(RunCommand({.arguments = {"chromium", "--version"}})) != 0)
+    if (RunCommand({.arguments = {"chromium", "--version"}}).status != 0)
       GTEST_SKIP() << "chromium is not installed: the page was not opened";
   }
 
@@ -404,25 +402,25 @@ class PageTest : public ReportTest {
   std::string Open(std::vector<std::string> arguments, const std::string& script) {
     const std::string file = directory_.File("page.html");
     arguments.insert(arguments.end(), {"--html", file});
-    EXPECT_EQ(0, ExitStatus(Report(arguments)));
-    const std::string page = Contents(file);
+    EXPECT_EQ(0, Report(arguments).status);
+    const std::string page = zeltest::ReadFile(file);
     EXPECT_FALSE(Has(page, "http:") || Has(page, "https:")) << "names a network address";
-    Write(file, Replaced(page, "</body>", script + "</body>"));
+    WriteFile(file, Replaced(page, "</body>", script + "</body>"));
     const Outcome browser = RunCommand(
         {.arguments = {"chromium", "--headless", "--no-sandbox", "--disable-gpu",
                        "--user-data-dir=" + directory_.File("browser"), "--window-size=1440,900",
                        "--enable-logging=stderr", "--dump-dom", "file://" + file},
          .variables = {"HOME=" + directory_.File("")},
          .timeoutSeconds = 120});
-    EXPECT_EQ(0, ExitStatus(browser)) << browser.errors;
+    EXPECT_EQ(0, browser.status) << browser.errors;
     EXPECT_FALSE(Has(browser.errors, "CONSOLE")) << browser.errors;
     return browser.output;
   }
 };
 
 TEST_F(PageTest, DrawsTheFiguresOfTheFile) {
-  Write(directory_.File("result.xml"),
-        Replaced(kResult, "<argument>a b", "<argument>&lt;b&gt;bold&lt;/b&gt;"));
+  WriteFile(directory_.File("result.xml"),
+            Replaced(kResult, "<argument>a b", "<argument>&lt;b&gt;bold&lt;/b&gt;"));
   const std::string document = Open({directory_.File("result.xml")}, kUsePage);
   for (const char* const part :
        {R"(data-drawn="yes")", R"(id="total-bytes" class="large" value="4074")",

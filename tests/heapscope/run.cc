@@ -1,31 +1,34 @@
 #include "tests/heapscope/run.h"
 
-#include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <thread>
+
+#include "tests/support/temporary_directory.h"
 
 namespace {
 
-std::vector<char*> Pointers(const std::vector<std::string>& strings) {
-  std::vector<char*> pointers;
-  for (const std::string& string : strings) pointers.push_back(const_cast<char*>(string.c_str()));
-  pointers.push_back(nullptr);
-  return pointers;
-}
+// A file in memory, for what a program writes.
+class Captured {
+ public:
+  Captured() : descriptor_(memfd_create("captured", MFD_CLOEXEC)) {}
+  ~Captured() { close(descriptor_); }
+  Captured(const Captured&) = delete;
+  Captured& operator=(const Captured&) = delete;
 
-void Redirect(int descriptor, const std::string& path) {
-  const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0666);
-  dup2(file, descriptor);
-  close(file);
-}
+  void Become(int descriptor) const { dup2(descriptor_, descriptor); }
+  std::string Text() const {
+    return zeltest::ReadFile("/proc/self/fd/" + std::to_string(descriptor_));
+  }
+
+ private:
+  const int descriptor_;
+};
 
 void BreakStandardError() {
   int ends[2];
@@ -35,43 +38,41 @@ void BreakStandardError() {
   close(ends[1]);
 }
 
-[[noreturn]] void Become(const Command& command, const std::string& output,
-                         const std::string& errors) {
+}  // namespace
+
+void Become(const Command& command) {
   setpgid(0, 0);  // so that nothing of it outlives its time
-  Redirect(STDOUT_FILENO, output);
-  Redirect(STDERR_FILENO, errors);
   if (command.standardErrorIsBrokenPipe) BreakStandardError();
   for (const std::string& variable : command.variables) putenv(const_cast<char*>(variable.c_str()));
   for (const int descriptor : command.closedDescriptors) close(descriptor);
-  const std::vector<char*> arguments = Pointers(command.arguments);
+  std::vector<char*> arguments;
+  for (const std::string& each : command.arguments)
+    arguments.push_back(const_cast<char*>(each.c_str()));
+  arguments.push_back(nullptr);
   execvp(arguments[0], arguments.data());
   _exit(98);
 }
 
-}  // namespace
+int StatusOf(int endOfChild) {
+  return WIFEXITED(endOfChild) ? WEXITSTATUS(endOfChild) : -WTERMSIG(endOfChild);
+}
 
 Outcome RunCommand(const Command& command) {
-  const TemporaryDirectory directory;
-  const std::string output = directory.File("output");
-  const std::string errors = directory.File("errors");
+  const Captured output, errors;
   const pid_t child = fork();
-  if (child == 0) Become(command, output, errors);
-
-  Outcome outcome = {};
-  const auto deadline =
-      std::chrono::steady_clock::now() + std::chrono::seconds(command.timeoutSeconds);
-  while (waitpid(child, &outcome.status, WNOHANG) == 0) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      outcome.timedOut = true;
-      kill(-child, SIGKILL);
-      waitpid(child, &outcome.status, 0);
-      break;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  if (child == 0) {
+    output.Become(STDOUT_FILENO);
+    errors.Become(STDERR_FILENO);
+    Become(command);
   }
-  outcome.output = Contents(output);
-  outcome.errors = Contents(errors);
-  return outcome;
+  pollfd end = {
+      .fd = static_cast<int>(syscall(SYS_pidfd_open, child, 0)), .events = POLLIN, .revents = 0};
+  const bool isInTime = poll(&end, 1, 1000 * command.timeoutSeconds) == 1;
+  close(end.fd);
+  if (!isInTime) kill(-child, SIGKILL);
+  int status;
+  waitpid(child, &status, 0);
+  return {isInTime ? StatusOf(status) : kTimedOut, output.Text(), errors.Text()};
 }
 
 Command UnderHeapscope(const std::vector<std::string>& options,
@@ -83,20 +84,9 @@ Command UnderHeapscope(const std::vector<std::string>& options,
   return {.arguments = all};
 }
 
-int ExitStatus(const Outcome& outcome) {
-  if (outcome.timedOut) return -1000;
-  return WIFEXITED(outcome.status) ? WEXITSTATUS(outcome.status) : -WTERMSIG(outcome.status);
-}
-
-TemporaryDirectory::TemporaryDirectory() {
-  std::string name = (std::filesystem::temp_directory_path() / "heapscope_XXXXXX").string();
-  path_ = mkdtemp(name.data());
-}
-
-TemporaryDirectory::~TemporaryDirectory() { std::filesystem::remove_all(path_); }
-
-std::string Contents(const std::string& path) {
-  std::ostringstream contents;
-  contents << std::ifstream(path).rdbuf();
-  return contents.str();
+std::string Ask(const std::string& file, const std::string& xpath) {
+  std::string answer =
+      RunCommand({.arguments = {"xmllint", "--xpath", "string(" + xpath + ")", file}}).output;
+  if (answer.ends_with('\n')) answer.pop_back();
+  return answer;
 }

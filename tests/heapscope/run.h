@@ -12,42 +12,23 @@ struct Command {
   int timeoutSeconds = 60;
 };
 
+constexpr int kTimedOut = -1000;
+
 struct Outcome {
-  int status;  // as from waitpid
-  bool timedOut;
+  int status;  // of the program's exit; below 0, the signal that ended it, or kTimedOut
   std::string output;
   std::string errors;
 };
 
 Outcome RunCommand(const Command& command);
 
+// The same in parts: what a forked child does, and what its end means.
+[[noreturn]] void Become(const Command& command);
+int StatusOf(int endOfChild);
+
 // The command under the launcher, with its options.
 Command UnderHeapscope(const std::vector<std::string>& options,
                        const std::vector<std::string>& arguments);
 
-// The exit status of a program that exited; below 0, how else it ended.
-int ExitStatus(const Outcome& outcome);
-
-// False when programs under heapscope allocate more than they would by themselves.
-inline constexpr bool kCountsAreTheProgramsOwn =
-#ifdef PROGRAMS_ALLOCATE_MORE
-    false;
-#else
-    true;
-#endif
-
-// A directory that is there as long as the object.
-class TemporaryDirectory {
- public:
-  TemporaryDirectory();
-  ~TemporaryDirectory();
-  TemporaryDirectory(const TemporaryDirectory&) = delete;
-  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-
-  std::string File(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-};
-
-std::string Contents(const std::string& path);
+// What xmllint answers to an XPath expression, as one text.
+std::string Ask(const std::string& file, const std::string& xpath);

@@ -14,6 +14,8 @@ class TemporaryDirectory {
   TemporaryDirectory(const TemporaryDirectory&) = delete;
   TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
 
+  std::string File(const std::string& name) const { return path_ + "/" + name; }
+
  private:
   std::string previous_;
   std::string path_;
