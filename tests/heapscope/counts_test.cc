@@ -7,13 +7,13 @@
 namespace {
 
 // What the part allocates beyond what a process does anyway.
-Summary CountsOf(const std::string& part, const std::string& idlePart = "nothing") {
+Summary CountsOf(const std::string& part, const std::string& idlePart = "Nothing") {
   return RunPart(part).OnlySummary() - RunPart(idlePart).OnlySummary();
 }
 
 TEST(CountsTest, EveryFunctionIsCountedExactly) {
   if (!kCountsAreTheProgramsOwn) GTEST_SKIP();
-  const Summary counts = CountsOf("each-function");
+  const Summary counts = CountsOf("EachFunction");
   EXPECT_EQ((Figures{{"malloc", {2}},
                      {"calloc", {1}},
                      {"realloc", {2}},
@@ -40,7 +40,7 @@ TEST(CountsTest, EveryFunctionIsCountedExactly) {
 }
 
 TEST(CountsTest, CallsThatFailAndOddCallsCountAsWhatTheyAre) {
-  const Summary counts = CountsOf("edges");
+  const Summary counts = CountsOf("Edges");
   EXPECT_EQ((Figures{{"calls that failed", {7}}}), counts.irregularities);
   // Only the block of no bytes stays: a failed reallocation freed nothing, one to 0 bytes did.
   EXPECT_EQ((Numbers{1, 0}), counts.figures.at("live at end"));
@@ -62,7 +62,7 @@ TEST(CountsTest, BlocksThatOtherThreadsFreeAreCountedExactly) {
     if (i % 100 == 1) keptBytes += size;
   }
   const auto [name, process, forkedFrom, figures, irregularities] =
-      CountsOf("cross-threads", "idle-threads");
+      CountsOf("CrossThreads", "IdleThreads");
   EXPECT_EQ((Numbers{kThreads * kRounds * (kBlocks + kBlocks / 10),
                      kThreads * kRounds * (bytes + movedBytes)}),
             figures.at("allocated"));
@@ -72,7 +72,7 @@ TEST(CountsTest, BlocksThatOtherThreadsFreeAreCountedExactly) {
 }
 
 TEST(CountsTest, AllocationsOfExitHandlersAndDestructorsAreSeen) {
-  const Summary counts = CountsOf("late-allocations");
+  const Summary counts = CountsOf("LateAllocations");
   EXPECT_EQ((Numbers{3, 501 + 502 + 503}), counts.figures.at("allocated"));
   EXPECT_EQ((Numbers{2, 502 + 503}), counts.figures.at("live at end"));
 }
@@ -81,7 +81,7 @@ TEST(CountsTest, BlocksFromBeforeTheStartCanBeMovedAndFreed) {
   if (!kCountsAreTheProgramsOwn) GTEST_SKIP();
   const zeltest::TemporaryDirectory directory;
   const Outcome outcome =
-      RunCommand({.arguments = {SUBJECT, "use-block-from-before-the-start"},
+      RunCommand({.arguments = {SUBJECT, "UseBlockFromBeforeTheStart"},
                   .variables = {"LD_PRELOAD=" COLLECTOR ":" SECOND_ALLOCATOR,
                                 "HEAPSCOPE_OPTIONS=-summary\x1f" + directory.File("summary")}});
   EXPECT_EQ(0, outcome.status) << outcome.errors;
@@ -94,8 +94,8 @@ TEST(CountsTest, BlocksFromBeforeTheStartCanBeMovedAndFreed) {
 TEST(CountsTest, AProgramThatRunsOutOfMemoryGoesOn) {
   if (!kCountsAreTheProgramsOwn) GTEST_SKIP();
   // With a second thread the C library looks for memory in ways that leave errno changed.
-  const HeapscopeRun run({SUBJECT, "run-out-of-memory"}, {"-no-channel"});
-  Summary counts = run.OnlySummary() - RunPart("nothing").OnlySummary();
+  const HeapscopeRun run({SUBJECT, "RunOutOfMemory"}, {"-no-channel"});
+  Summary counts = run.OnlySummary() - RunPart("Nothing").OnlySummary();
   EXPECT_GE(1u, run.Files("xml").size());
   const int64_t count = std::stol("0" + run.GetOutcome().output);
   EXPECT_LT(10000, count);

@@ -16,12 +16,12 @@ class OutputTest : public testing::Test {
 
 TEST_F(OutputTest, StandardErrorHasTheSummaryOfTheProgramAlone) {
   const Outcome outcome =
-      RunCommand(UnderHeapscope({"-children"}, {SUBJECT, "spawn-with-its-own-errors"}));
+      RunCommand(UnderHeapscope({"-children"}, {SUBJECT, "SpawnWithItsOwnErrors"}));
   EXPECT_EQ(0, outcome.status);
   EXPECT_EQ("", outcome.output);
   EXPECT_EQ(1u, ReadSummaries(outcome.errors).size());
   EXPECT_EQ(0u, outcome.errors.find("heapscope: heapscope_subject"));
-  const Outcome redirected = RunCommand(UnderHeapscope({}, {SUBJECT, "exec-with-other-errors"}));
+  const Outcome redirected = RunCommand(UnderHeapscope({}, {SUBJECT, "ExecWithOtherErrors"}));
   EXPECT_EQ(0, redirected.status);
   EXPECT_EQ("", redirected.output + redirected.errors);
 }
@@ -30,7 +30,7 @@ TEST_F(OutputTest, ChildrenAreWatchedOnRequestAndCanHaveFilesOfTheirOwn) {
   for (const std::string option : {"-children", "-no-children"}) {
     const zeltest::TemporaryDirectory directory;
     EXPECT_EQ(0, RunCommand(UnderHeapscope({option, "-summary", directory.File("%%-%p.txt")},
-                                           {SUBJECT, "spawn-with-its-own-errors"}))
+                                           {SUBJECT, "SpawnWithItsOwnErrors"}))
                      .status);
     size_t files = 0;
     for (const auto& entry : std::filesystem::directory_iterator(directory.File(""))) {
@@ -45,18 +45,18 @@ TEST_F(OutputTest, ChildrenAreWatchedOnRequestAndCanHaveFilesOfTheirOwn) {
 
 TEST_F(OutputTest, AFileOfAnEarlierRunIsEmptied) {
   zeltest::WriteFile(summary_, "of an earlier run");
-  EXPECT_EQ(0, RunCommand(UnderHeapscope({"-summary", summary_}, {SUBJECT, "nothing"})).status);
+  EXPECT_EQ(0, RunCommand(UnderHeapscope({"-summary", summary_}, {SUBJECT, "Nothing"})).status);
   EXPECT_EQ(0u, ReadFile(summary_).find("heapscope: "));
 }
 
 TEST_F(OutputTest, AReaderThatIsGoneDoesNotChangeTheStatus) {
-  Command command = UnderHeapscope({}, {SUBJECT, "nothing"});
+  Command command = UnderHeapscope({}, {SUBJECT, "Nothing"});
   command.standardErrorIsBrokenPipe = true;
   EXPECT_EQ(0, RunCommand(command).status);
 }
 
 TEST_F(OutputTest, ClosedStandardDescriptorsStayFreeForTheProgram) {
-  Command plain = {.arguments = {SUBJECT, "new-descriptors"}, .closedDescriptors = {0, 1, 2}};
+  Command plain = {.arguments = {SUBJECT, "NewDescriptors"}, .closedDescriptors = {0, 1, 2}};
   const int firstDescriptor = RunCommand(plain).status;
   EXPECT_LT(2, firstDescriptor);
   for (const std::vector<std::string>& options :
@@ -74,7 +74,7 @@ TEST_F(OutputTest, ADescriptorThatBecameTheProgramsIsNotWrittenTo) {
        {std::vector<std::string>{},
         {"-children", "-summary", summary_},
         {"-out", directory_.File("files"), "-summary", directory_.File("other")}}) {
-    Command command = UnderHeapscope(options, {SUBJECT, "take-all-descriptors"});
+    Command command = UnderHeapscope(options, {SUBJECT, "TakeAllDescriptors"});
     command.variables = {"OWN_FILE=" + own};
     const Outcome outcome = RunCommand(command);
     EXPECT_EQ(0, outcome.status) << outcome.errors;
@@ -86,7 +86,7 @@ TEST_F(OutputTest, ADescriptorThatBecameTheProgramsIsNotWrittenTo) {
 class LauncherTest : public OutputTest {};
 
 TEST_F(LauncherTest, ItsOwnFailuresHaveStatusesOfTheirOwn) {
-  const std::vector<std::string> program = {SUBJECT, "nothing"};
+  const std::vector<std::string> program = {SUBJECT, "Nothing"};
   EXPECT_EQ(125, RunCommand({.arguments = {LAUNCHER}}).status);
   for (const std::string option : {"-summary", "-out", "-x"})
     EXPECT_EQ(125, RunCommand(UnderHeapscope({option, "/nowhere/file"}, program)).status);
@@ -96,8 +96,8 @@ TEST_F(LauncherTest, ItsOwnFailuresHaveStatusesOfTheirOwn) {
 
 TEST_F(LauncherTest, HelpsWithOptions) {
   const Outcome asked = RunCommand(UnderHeapscope({"-help"}, {}));
-  const Outcome unknown = RunCommand(UnderHeapscope({"-unknown"}, {SUBJECT, "nothing"}));
-  const Outcome invalid = RunCommand(UnderHeapscope({"-stack", "x"}, {SUBJECT, "nothing"}));
+  const Outcome unknown = RunCommand(UnderHeapscope({"-unknown"}, {SUBJECT, "Nothing"}));
+  const Outcome invalid = RunCommand(UnderHeapscope({"-stack", "x"}, {SUBJECT, "Nothing"}));
   for (const Outcome& outcome : {asked, unknown, invalid}) {
     EXPECT_NE(std::string::npos, outcome.output.find("Usage: heapscope "));
     EXPECT_NE(std::string::npos, outcome.output.find("-stack"));
@@ -128,7 +128,7 @@ TEST_F(LauncherTest, RunsFromAnInstalledTree) {
   }
   const std::string launcher = prefix + "/" INSTALL_BINDIR "/heapscope";
   const Outcome outcome =
-      RunCommand({.arguments = {launcher, "-summary", summary_, "--", SUBJECT, "nothing"}});
+      RunCommand({.arguments = {launcher, "-summary", summary_, "--", SUBJECT, "Nothing"}});
   EXPECT_EQ(0, outcome.status);
   EXPECT_EQ("", outcome.errors);
   EXPECT_EQ(1u, ReadSummaries(ReadFile(summary_)).size());

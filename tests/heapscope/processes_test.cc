@@ -12,7 +12,7 @@ namespace {
 
 TEST(ProcessesTest, ForksBesideAllocationsNeitherHangNorMiscount) {
   if (!kCountsAreTheProgramsOwn) GTEST_SKIP();
-  const HeapscopeRun run = RunPart("forks");
+  const HeapscopeRun run = RunPart("Forks");
   EXPECT_EQ(0, run.GetOutcome().status) << run.GetOutcome().errors;
   const std::vector<Summary>& summaries = run.Summaries();
   ASSERT_LE(201u, summaries.size());
@@ -58,7 +58,7 @@ TEST(ProcessesTest, ForksBesideAllocationsNeitherHangNorMiscount) {
 }
 
 TEST(ProcessesTest, AForkThatWaitsForAnAllocatingThreadGoesOn) {
-  const HeapscopeRun run = RunPart("fork-beside-flush");
+  const HeapscopeRun run = RunPart("ForkBesideFlush");
   EXPECT_EQ(0, run.GetOutcome().status) << run.GetOutcome().errors;
   ASSERT_LE(1u, run.Summaries().size());
   EXPECT_LE(Numbers{200},
@@ -67,21 +67,21 @@ TEST(ProcessesTest, AForkThatWaitsForAnAllocatingThreadGoesOn) {
 
 // The collector's own destructors have run, its fork handlers must still be there.
 TEST(ProcessesTest, AForkInALateDestructorHasCounts) {
-  const HeapscopeRun run = RunPart("late-fork");
+  const HeapscopeRun run = RunPart("ForkInDestructor");
   EXPECT_EQ(0, run.GetOutcome().status) << run.GetOutcome().errors;
   ASSERT_EQ(2u, run.Summaries().size());
   EXPECT_EQ(run.Summaries()[1].process, run.Summaries()[0].forkedFrom);
 }
 
 TEST(ProcessesTest, AnExecReplacesTheCounts) {
-  const Figures figures = RunPart("exec").OnlySummary().figures;
+  const Figures figures = RunPart("Exec").OnlySummary().figures;
   EXPECT_FALSE(figures.contains("16 KiB"));
   EXPECT_TRUE(figures.contains("pvalloc"));
 }
 
 // The parent allocates after its children are gone, and would have no summary left to say so.
 TEST(ProcessesTest, AChildThatOnlyBorrowsTheMemoryWritesNothing) {
-  EXPECT_EQ(1, RunPart("vfork").OnlySummary().figures.at("16 KiB")[0]);
+  EXPECT_EQ(1, RunPart("Vfork").OnlySummary().figures.at("16 KiB")[0]);
 }
 
 struct End {
@@ -103,14 +103,14 @@ TEST_P(EndsTest, StatusIsUnchangedAndAResultIsLeftIfThereCanBeOne) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Ends, EndsTest,
-                         testing::Values(End{"exit-in-thread", 7, 1}, End{"quick-exit", 8, 1},
-                                         End{"exit-at-once", 9, 1}, End{"exit-at-once-too", 10, 1},
-                                         End{"abort", -SIGABRT, 0},
-                                         End{"kill-itself", -SIGKILL, 0}));
+                         testing::Values(End{"ExitInThread", 7, 1}, End{"QuickExit", 8, 1},
+                                         End{"ExitAtOnce", 9, 1}, End{"ExitAtOnceToo", 10, 1},
+                                         End{"Abort", -SIGABRT, 0},
+                                         End{"KillItself", -SIGKILL, 0}));
 
 // What the handler interrupted may hold any lock that an allocation takes.
 TEST(ProcessesTest, AProcessCanEndInASignalHandler) {
-  for (int i = 0; i < 30; ++i) ASSERT_EQ(11, RunPart("exit-in-handler").GetOutcome().status);
+  for (int i = 0; i < 30; ++i) ASSERT_EQ(11, RunPart("ExitInHandler").GetOutcome().status);
 }
 
 }  // namespace

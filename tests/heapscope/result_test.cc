@@ -7,7 +7,7 @@
 namespace {
 
 TEST(ResultTest, SaysWhatTheSummarySays) {
-  const HeapscopeRun run = RunPart("each-function");
+  const HeapscopeRun run = RunPart("EachFunction");
   run.ExpectAllAreValid();
   const std::string file = run.OnlyFile("xml");
   const auto [name, process, forkedFrom, figures, irregularities] = run.OnlySummary();
@@ -22,7 +22,7 @@ TEST(ResultTest, SaysWhatTheSummarySays) {
 
 TEST(ResultTest, ClassesAndThreadsAddUpToTheTotals) {
   if (!kCountsAreTheProgramsOwn) GTEST_SKIP();
-  const HeapscopeRun run = RunPart("cross-threads");
+  const HeapscopeRun run = RunPart("CrossThreads");
   const std::string file = run.OnlyFile("xml");
   const Figures figures = run.OnlySummary().figures;
   for (const std::string name : {"allocated", "freed"}) {
@@ -37,7 +37,7 @@ TEST(ResultTest, ClassesAndThreadsAddUpToTheTotals) {
 
 TEST(ResultTest, ThreadsBeyondTheTableShareAnEntry) {
   if (!kCountsAreTheProgramsOwn) GTEST_SKIP();
-  const HeapscopeRun run = RunPart("many-threads");
+  const HeapscopeRun run = RunPart("ManyThreads");
   run.ExpectAllAreValid();
   const std::string file = run.OnlyFile("xml");
   EXPECT_EQ(1101, AskNumber(file, "//threads/@seen"));
@@ -58,7 +58,7 @@ TEST(ResultTest, TextFromOutsideIsCleaned) {
 
 // A module that comes back, at another address perhaps, keeps its sites.
 TEST(ResultTest, AModuleThatIsLoadedAgainIsTheSameModule) {
-  const HeapscopeRun run = RunPart("load-and-unload");
+  const HeapscopeRun run = RunPart("LoadAndUnload");
   run.ExpectAllAreValid();
   const std::string file = run.OnlyFile("xml");
   const std::string library = "//module[contains(path,'heapscope_plugin')]";
@@ -69,7 +69,7 @@ TEST(ResultTest, AModuleThatIsLoadedAgainIsTheSameModule) {
 }
 
 TEST(LogTest, BeginsWithTheOptionsInForce) {
-  const HeapscopeRun run({SUBJECT, "nothing"}, {"-stack", "fp", "-depth", "7"});
+  const HeapscopeRun run({SUBJECT, "Nothing"}, {"-stack", "fp", "-depth", "7"});
   const std::string log = zeltest::ReadFile(run.OnlyFile("log"));
   for (const char* const line :
        {"-stack                             fp", "-depth                             7"})
@@ -77,7 +77,7 @@ TEST(LogTest, BeginsWithTheOptionsInForce) {
 }
 
 TEST(LogTest, EveryProblemHasARecordUntilThereAreTooMany) {
-  const HeapscopeRun few = RunPart("edges"), many = RunPart("many-failures");
+  const HeapscopeRun few = RunPart("Edges"), many = RunPart("ManyFailures");
   few.ExpectAllAreValid();
   const std::string counts =
       "concat(count(//msg[type='CALL_FAILED']),' ',count(//msg[type='PROBLEMS_LEFT_OUT']))";

@@ -1,4 +1,5 @@
-// A program whose allocations are known, with one part for each thing to be seen of a collector.
+// A program whose allocations are known, with one part for each thing to be seen of a collector: a
+// function that its argument names.
 //
 // Written so that only what it calls itself allocates: no streams. A part that finds something
 // wrong ends the program with the number of the line.
@@ -47,11 +48,11 @@ static int IsAligned(const void* block, size_t alignment) {
   return block != NULL && (uintptr_t)block % alignment == 0;
 }
 
-static void Nothing(void) {}
+void Nothing(void) {}
 
 // Eleven blocks of 7,776 bytes; four of them, of 266 bytes, stay. At most 5,260 bytes are live: the
 // 5,000 and the three blocks that stay and were made before.
-static void EachFunction(void) {
+void EachFunction(void) {
   char* kept = malloc(100);
   CHECK(IsAligned(kept, 16));
   char* zeroed = calloc(3, 50);
@@ -81,42 +82,29 @@ static void EachFunction(void) {
 }
 
 // What the functions answer when they fail, and at their edges, goes to standard output.
-static void Edges(void) {
-  errno = 77;
-  void* block = malloc(100);
-  Say("malloc leaves errno %d\n", errno);
+#define SAY(result)                        \
+  do {                                     \
+    errno = 77;                            \
+    const int said = (result);             \
+    Say(#result ": %d %d\n", said, errno); \
+  } while (0)
+
+void Edges(void) {
+  void *block, *untouched = &block;
+  SAY((block = malloc(100)) != NULL);
   memset(block, 'k', 100);
-
-  errno = 0;
-  Say("malloc %d", malloc(g_huge) != NULL);
-  Say(" %d\n", errno);
-  errno = 0;
-  Say("calloc %d", calloc(g_huge, 4) != NULL);
-  Say(" %d\n", errno);
-  errno = 0;
-  Say("realloc %d", realloc(block, g_huge) != NULL);
-  Say(" %d\n", errno);
-  errno = 0;
-  Say("reallocarray %d", reallocarray(block, g_huge, 4) != NULL);
-  Say(" %d\n", errno);
+  SAY(malloc(g_huge) != NULL);
+  SAY(calloc(g_huge, 4) != NULL);
+  SAY(realloc(block, g_huge) != NULL);
+  SAY(reallocarray(block, g_huge, 4) != NULL);
   for (int i = 0; i < 100; ++i) CHECK(((char*)block)[i] == 'k');
-
-  errno = 78;
-  void* untouched = block;
-  Say("posix_memalign %d", posix_memalign(&untouched, 3, 10));
-  Say(" %d", posix_memalign(&untouched, 64, g_huge));
-  Say(" %d %d\n", errno, untouched == block);
-  errno = 0;
-  Say("aligned_alloc %d", aligned_alloc(64, g_huge) != NULL);
-  Say(" %d\n", errno);
-
-  errno = 79;
-  free(block);
-  free(NULL);
-  Say("free leaves errno %d\n", errno);
-
-  Say("realloc to nothing %d\n", realloc(malloc(30), 0) != NULL);
-  Say("malloc of nothing %d\n", malloc(0) != NULL);
+  SAY(posix_memalign(&untouched, 3, 10));
+  SAY(posix_memalign(&untouched, 64, g_huge));
+  CHECK(untouched == &block);
+  SAY(aligned_alloc(64, g_huge) != NULL);
+  SAY((free(block), free(NULL), 0));
+  SAY(realloc(malloc(30), 0) != NULL);
+  SAY(malloc(0) != NULL);
 
   for (size_t size = 0; size < 3000; size += 7) {
     block = malloc(size);
@@ -127,7 +115,7 @@ static void Edges(void) {
   }
 }
 
-static void ManyFailures(void) {
+void ManyFailures(void) {
   for (int i = 0; i < 150; ++i) CHECK(malloc(g_huge) == NULL);
 }
 
@@ -135,7 +123,7 @@ static void* FreeOne(void* block) {
   free(block);
   return NULL;
 }
-static void ManyThreads(void) {
+void ManyThreads(void) {
   for (int i = 0; i < 1100; ++i) {
     pthread_t thread;
     pthread_create(&thread, NULL, FreeOne, malloc(100));
@@ -175,8 +163,8 @@ static void Threads(long blocks) {
   for (long i = 0; i < kThreads; ++i) pthread_create(&threads[i], NULL, CrossThread, (void*)i);
   for (int i = 0; i < kThreads; ++i) pthread_join(threads[i], NULL);
 }
-static void CrossThreads(void) { Threads(kBlocks); }
-static void IdleThreads(void) { Threads(0); }
+void CrossThreads(void) { Threads(kBlocks); }
+void IdleThreads(void) { Threads(0); }
 
 // Two threads allocate and one forks as well, while the main thread forks 200 times. Each child
 // makes ten blocks, frees five of them and one of its parent's, and exits with what it found.
@@ -209,7 +197,7 @@ static void* ForkUntilStopped(void* unused) {
   return NULL;
 }
 
-static void Forks(void) {
+void Forks(void) {
   for (int i = 0; i < 200; ++i) g_inherited[i] = malloc(33);
   pthread_t threads[3];
   pthread_create(&threads[0], NULL, AllocateUntilStopped, NULL);
@@ -235,7 +223,7 @@ static void* FlushAll(void* unused) {
   return NULL;
 }
 
-static void ForkBesideFlush(void) {
+void ForkBesideFlush(void) {
   const cookie_io_functions_t functions = {.write = AllocateWhileFlushed};
   FILE* const stream = fopencookie(NULL, "w", functions);
   fputs("text", stream);
@@ -255,32 +243,32 @@ static void __attribute__((noinline)) VforkOnce(void) {
   CHECK(waitpid(child, NULL, 0) == child);
 }
 
-static void Vfork(void) {
+void Vfork(void) {
   for (int i = 0; i < 10; ++i) VforkOnce();
   CHECK(malloc(12345) != NULL);
 }
 
-static void Exec(void) {
+void Exec(void) {
   CHECK(malloc(12345) != NULL);
-  execl(g_self, g_self, "each-function", NULL);
+  execl(g_self, g_self, "EachFunction", NULL);
   CHECK(0);
 }
 
-static void SpawnWithItsOwnErrors(void) {
+void SpawnWithItsOwnErrors(void) {
   const pid_t child = fork();
   if (child == 0) {
     dup2(1, 2);
-    execl(g_self, g_self, "nothing", NULL);
+    execl(g_self, g_self, "Nothing", NULL);
   }
   CHECK(waitpid(child, NULL, 0) == child);
 }
 
-static void ExecWithOtherErrors(void) {
+void ExecWithOtherErrors(void) {
   dup2(1, 2);
-  execl(g_self, g_self, "nothing", NULL);
+  execl(g_self, g_self, "Nothing", NULL);
 }
 
-static void LoadAndUnload(void) {
+void LoadAndUnload(void) {
   for (int i = 0; i < 5; ++i) {
     void* const plugin = dlopen(PLUGIN, RTLD_NOW);
     CHECK(plugin != NULL);
@@ -298,23 +286,23 @@ static void* ExitWith7(void* unused) {
   (void)unused;
   exit(7);
 }
-static void ExitInThread(void) {
+void ExitInThread(void) {
   pthread_t threads[2];
   pthread_create(&threads[0], NULL, AllocateUntilStopped, NULL);
   pthread_create(&threads[1], NULL, ExitWith7, NULL);
   pause();
 }
-static void QuickExit(void) { quick_exit(8); }
-static void ExitAtOnce(void) { _exit(9); }
-static void ExitAtOnceToo(void) { _Exit(10); }
-static void Abort(void) { abort(); }
-static void KillItself(void) { kill(getpid(), SIGKILL); }
+void QuickExit(void) { quick_exit(8); }
+void ExitAtOnce(void) { _exit(9); }
+void ExitAtOnceToo(void) { _Exit(10); }
+void Abort(void) { abort(); }
+void KillItself(void) { kill(getpid(), SIGKILL); }
 
 static void ExitWith11(int signal) {
   (void)signal;
   _exit(11);
 }
-static void ExitInHandler(void) {
+void ExitInHandler(void) {
   signal(SIGALRM, ExitWith11);
   const struct itimerval soon = {.it_value = {.tv_usec = 2000}};
   setitimer(ITIMER_REAL, &soon, NULL);
@@ -328,9 +316,8 @@ static void __attribute__((destructor)) FreeLater(void) {
   free(g_last);
   g_last = malloc(502);
 }
-void AllocateInDestructor(void);  // of late_library.c, as the next
-void ForkInDestructor(void);
-static void LateAllocations(void) {
+void AllocateInDestructor(void);  // of late_library.c
+void LateAllocations(void) {
   atexit(AllocateLate);
   AllocateInDestructor();
 }
@@ -338,13 +325,13 @@ static void LateAllocations(void) {
 // Descriptors ------------------------------------------------------------------------------------
 
 // Exits with the number of the first descriptor above the standard ones.
-static void NewDescriptors(void) {
+void NewDescriptors(void) {
   for (int i = 0; i < 3; ++i) CHECK(open("/dev/null", O_RDWR) == i);
   exit(open("/dev/null", O_RDWR));
 }
 
 // Puts a file of its own in the place of every descriptor that the collector may have.
-static void TakeAllDescriptors(void) {
+void TakeAllDescriptors(void) {
   const int file = open(getenv("OWN_FILE"), O_WRONLY | O_CREAT | O_TRUNC, 0666);
   CHECK(file >= 0);
   for (int i = 3; i < 1024; ++i) {
@@ -358,7 +345,7 @@ static void TakeAllDescriptors(void) {
 // Memory -----------------------------------------------------------------------------------------
 
 // Has a heap of 8 MB and nothing else, and takes all of it in small blocks.
-static void RunOutOfMemory(void) {
+void RunOutOfMemory(void) {
   mallopt(M_TOP_PAD, 8 << 20);
   CHECK(malloc(100000) != NULL);
   const int statm = open("/proc/self/statm", O_RDONLY);
@@ -378,7 +365,7 @@ static void RunOutOfMemory(void) {
   Say("%ld\n", count);
 }
 
-static void UseBlockFromBeforeTheStart(void) {
+void UseBlockFromBeforeTheStart(void) {
   void* (*getter)(void) = (void* (*)(void))dlsym(RTLD_DEFAULT, "BlockFromBeforeTheStart");
   CHECK(getter != NULL);
   char* block = getter();
@@ -391,46 +378,10 @@ static void UseBlockFromBeforeTheStart(void) {
   free(moved);
 }
 
-static const struct {
-  const char* name;
-  void (*run)(void);
-} kParts[] = {
-    {"nothing", Nothing},
-    {"each-function", EachFunction},
-    {"edges", Edges},
-    {"many-failures", ManyFailures},
-    {"many-threads", ManyThreads},
-    {"cross-threads", CrossThreads},
-    {"idle-threads", IdleThreads},
-    {"forks", Forks},
-    {"fork-beside-flush", ForkBesideFlush},
-    {"vfork", Vfork},
-    {"exec", Exec},
-    {"spawn-with-its-own-errors", SpawnWithItsOwnErrors},
-    {"exec-with-other-errors", ExecWithOtherErrors},
-    {"load-and-unload", LoadAndUnload},
-    {"exit-in-thread", ExitInThread},
-    {"quick-exit", QuickExit},
-    {"exit-at-once", ExitAtOnce},
-    {"exit-at-once-too", ExitAtOnceToo},
-    {"exit-in-handler", ExitInHandler},
-    {"abort", Abort},
-    {"kill-itself", KillItself},
-    {"late-allocations", LateAllocations},
-    {"late-fork", ForkInDestructor},
-    {"new-descriptors", NewDescriptors},
-    {"take-all-descriptors", TakeAllDescriptors},
-    {"run-out-of-memory", RunOutOfMemory},
-    {"use-block-from-before-the-start", UseBlockFromBeforeTheStart},
-};
-
 int main(int argc, char** argv) {
   g_self = argv[0];
-  for (size_t i = 0; argc == 2 && i < sizeof kParts / sizeof kParts[0]; ++i) {
-    if (strcmp(argv[1], kParts[i].name) == 0) {
-      kParts[i].run();
-      return 0;
-    }
-  }
-  return 2;
+  void (*part)(void) = (void (*)(void))dlsym(RTLD_DEFAULT, argc == 2 ? argv[1] : "");
+  if (part == NULL) return 2;
+  part();
+  return 0;
 }

@@ -97,7 +97,7 @@ TEST_P(UnchangedProgramsTest, OutputAndStatusAreTheSame) {
 
 INSTANTIATE_TEST_SUITE_P(
     Programs, UnchangedProgramsTest,
-    testing::Values(Program{SUBJECT, {SUBJECT, "edges"}},
+    testing::Values(Program{SUBJECT, {SUBJECT, "Edges"}},
                     Program{"/bin/bash", {"/bin/bash", "-c", kPipeline}},
                     Program{"/usr/bin/python3", {"/usr/bin/python3", "-c", kThreadsAndChildren}},
                     Program{"/usr/bin/git", {"/bin/bash", "-c", kRepository}},

@@ -1,11 +1,12 @@
-// Functions that call back from frames of many kinds.
-
-#include "tests/heapscope/unwinding_callers.h"
+// Functions that call back from frames of many kinds. They are compiled with and without frame
+// pointers.
 
 #include <alloca.h>
 #include <setjmp.h>
 #include <stdlib.h>
 #include <string.h>
+
+typedef void (*Callback)(void);
 
 #define KEPT __attribute__((noinline))
 

@@ -18,7 +18,10 @@
 
 #include "examples/heapscope/unwind_rules.h"
 #include "fuzz/guarded_bytes.h"
-#include "tests/heapscope/unwinding_callers.h"
+
+using Callback = void (*)();
+extern "C" void CallFromAllKinds(Callback callback);
+extern "C" void CallFromAllKindsWithFramePointers(Callback callback);
 
 namespace heapscope {
 namespace {
