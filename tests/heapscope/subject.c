@@ -48,6 +48,17 @@ static int IsAligned(const void* block, size_t alignment) {
   return block != NULL && (uintptr_t)block % alignment == 0;
 }
 
+static void FreeAligned(void* block, size_t alignment) {
+  CHECK(IsAligned(block, alignment));
+  free(block);
+}
+
+static void Await(pid_t child, int expected) {
+  int status;
+  CHECK(waitpid(child, &status, 0) == child && WIFEXITED(status) &&
+        WEXITSTATUS(status) == expected);
+}
+
 void Nothing(void) {}
 
 // Eleven blocks of 7,776 bytes; four of them, of 266 bytes, stay. At most 5,260 bytes are live: the
@@ -63,21 +74,15 @@ void EachFunction(void) {
   grown = realloc(grown, 2000);
   for (int i = 0; i < 20; ++i) CHECK(grown[i] == 'x');
   void* aligned = NULL;
-  CHECK(posix_memalign(&aligned, 64, 200) == 0 && IsAligned(aligned, 64));
-  free(aligned);
+  CHECK(posix_memalign(&aligned, 64, 200) == 0);
+  FreeAligned(aligned, 64);
   free(grown);
   CHECK(reallocarray(NULL, 4, 8) != NULL);
   CHECK(IsAligned(aligned_alloc(64, 128), 64));
-  void* more = memalign(32, 40);
-  CHECK(IsAligned(more, 32));
-  free(more);
   const size_t page = (size_t)sysconf(_SC_PAGESIZE);
-  void* paged = valloc(5000);
-  CHECK(IsAligned(paged, page));
-  free(paged);
-  paged = pvalloc(100);
-  CHECK(IsAligned(paged, page));
-  free(paged);
+  FreeAligned(memalign(32, 40), 32);
+  FreeAligned(valloc(5000), page);
+  FreeAligned(pvalloc(100), page);
   CHECK(strdup("hello") != NULL);
 }
 
@@ -187,8 +192,7 @@ static void ForkOnce(int number) {
     if (number >= 0) free(g_inherited[number]);
     exit(42);
   }
-  int status;
-  CHECK(waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 42);
+  Await(child, 42);
 }
 
 static void* ForkUntilStopped(void* unused) {
@@ -233,14 +237,13 @@ void ForkBesideFlush(void) {
   const pid_t child = fork();
   if (child == 0) _exit(0);
   pthread_join(flusher, NULL);
-  int status;
-  CHECK(waitpid(child, &status, 0) == child && status == 0);
+  Await(child, 0);
 }
 
 static void __attribute__((noinline)) VforkOnce(void) {
   const pid_t child = vfork();
   if (child == 0) _exit(0);
-  CHECK(waitpid(child, NULL, 0) == child);
+  Await(child, 0);
 }
 
 void Vfork(void) {
@@ -254,18 +257,15 @@ void Exec(void) {
   CHECK(0);
 }
 
-void SpawnWithItsOwnErrors(void) {
-  const pid_t child = fork();
-  if (child == 0) {
-    dup2(1, 2);
-    execl(g_self, g_self, "Nothing", NULL);
-  }
-  CHECK(waitpid(child, NULL, 0) == child);
-}
-
 void ExecWithOtherErrors(void) {
   dup2(1, 2);
   execl(g_self, g_self, "Nothing", NULL);
+}
+
+void SpawnWithItsOwnErrors(void) {
+  const pid_t child = fork();
+  if (child == 0) ExecWithOtherErrors();
+  Await(child, 0);
 }
 
 void LoadAndUnload(void) {
@@ -339,7 +339,7 @@ void TakeAllDescriptors(void) {
   }
   const pid_t child = fork();
   if (child == 0) exit(0);
-  CHECK(waitpid(child, NULL, 0) == child);
+  Await(child, 0);
 }
 
 // Memory -----------------------------------------------------------------------------------------
@@ -369,8 +369,7 @@ void UseBlockFromBeforeTheStart(void) {
   void* (*getter)(void) = (void* (*)(void))dlsym(RTLD_DEFAULT, "BlockFromBeforeTheStart");
   CHECK(getter != NULL);
   char* block = getter();
-  CHECK(block != NULL && malloc_usable_size(block) >= 100);
-  CHECK(IsAligned(block, 16));
+  CHECK(IsAligned(block, 16) && malloc_usable_size(block) >= 100);
   char* moved = realloc(block, 300);
   CHECK(moved != NULL && moved != block);
   for (int i = 0; i < 100; ++i) CHECK(moved[i] == 'e');

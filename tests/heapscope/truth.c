@@ -6,36 +6,23 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-// Each place is alone in a section, whose ends the linker knows.
-#define PLACE(name) __attribute__((noinline, section(#name), used))
-#define CODE_OF(name) extern const char __start_##name[], __stop_##name[];
-CODE_OF(place_small)
-CODE_OF(place_zeroed)
-CODE_OF(place_grown)
-CODE_OF(place_aligned)
-
 extern const char __executable_start;
 
 static void* volatile g_kept;  // the compiler must not call in its stead: the address is to be ours
 
-PLACE(place_small) static void* Small(size_t size) {
-  g_kept = malloc(size);
-  return g_kept;
-}
-PLACE(place_zeroed) static void* Zeroed(size_t count) {
-  g_kept = calloc(count, 24);
-  return g_kept;
-}
-PLACE(place_grown) static void* Grown(void* block, size_t size) {
-  g_kept = realloc(block, size);
-  return g_kept;
-}
-PLACE(place_aligned) static void* Aligned(size_t size) {
-  g_kept = aligned_alloc(64, size);
-  return g_kept;
-}
+// A function that is alone in a section, whose ends the linker knows.
+#define PLACE(name, parameters, call)                                                     \
+  extern const char __start_place_##name[], __stop_place_##name[];                        \
+  __attribute__((noinline, section("place_" #name), used)) static void* name parameters { \
+    g_kept = call;                                                                        \
+    return g_kept;                                                                        \
+  }
+PLACE(Small, (size_t size), malloc(size))
+PLACE(Zeroed, (size_t count), calloc(count, 24))
+PLACE(Grown, (void* block, size_t size), realloc(block, size))
+PLACE(Aligned, (size_t size), aligned_alloc(64, size))
 
-enum { kThreads = 4, kRounds = 1000 };
+static const size_t kThreads = 4, kRounds = 1000;
 
 // Leaves every tenth small block, one zeroed block, the last reallocation's.
 static void* Work(void* argument) {
@@ -53,16 +40,14 @@ static void* Work(void* argument) {
 
 // The place's code, as addresses in the file; then blocks and bytes allocated, blocks and bytes
 // live.
-static void Print(const char* start, const char* stop, size_t blocks, size_t bytes,
-                  size_t liveBlocks, size_t liveBytes) {
-  printf("%td %td %zu %zu %zu %zu\n", start - &__executable_start, stop - &__executable_start,
-         blocks, bytes, liveBlocks, liveBytes);
-}
+#define PRINT(name, ...)                                                          \
+  printf("%td %td %zu %zu %zu %zu\n", __start_place_##name - &__executable_start, \
+         __stop_place_##name - &__executable_start, __VA_ARGS__)
 
 int main(void) {
   pthread_t threads[kThreads];
   for (uintptr_t i = 0; i < kThreads; ++i) pthread_create(&threads[i], NULL, Work, (void*)i);
-  for (int i = 0; i < kThreads; ++i) pthread_join(threads[i], NULL);
+  for (size_t i = 0; i < kThreads; ++i) pthread_join(threads[i], NULL);
 
   size_t smallBytes = 0, smallLive = 0, alignedBytes = 0, zeroedBytes = 0;
   for (size_t thread = 0; thread < kThreads; ++thread) {
@@ -73,11 +58,9 @@ int main(void) {
     }
     zeroedBytes += 24 * (thread + 1);
   }
-  Print(__start_place_small, __stop_place_small, kThreads * kRounds, smallBytes,
-        kThreads * kRounds / 10, smallLive);
-  Print(__start_place_zeroed, __stop_place_zeroed, kThreads, zeroedBytes, kThreads, zeroedBytes);
-  Print(__start_place_grown, __stop_place_grown, kThreads * 10, kThreads * 5500, kThreads,
-        kThreads * 1000);
-  Print(__start_place_aligned, __stop_place_aligned, kThreads * kRounds, alignedBytes, 0, 0);
+  PRINT(Small, kThreads * kRounds, smallBytes, kThreads * kRounds / 10, smallLive);
+  PRINT(Zeroed, kThreads, zeroedBytes, kThreads, zeroedBytes);
+  PRINT(Grown, kThreads * 10, kThreads * 5500, kThreads, kThreads * 1000);
+  PRINT(Aligned, kThreads * kRounds, alignedBytes, (size_t)0, (size_t)0);
   return 0;
 }
