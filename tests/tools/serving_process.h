@@ -1,6 +1,7 @@
 // A process with a command channel, for a controller to steer.
 #pragma once
 
+#include <signal.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/socket.h>
@@ -39,6 +40,11 @@ template <typename Condition>
 bool Eventually(Condition condition) {
   for (int i = 0; i < 20'000 && !condition(); ++i) usleep(1000);
   return condition();
+}
+
+inline void KillAndBury(pid_t child) {
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
 }
 
 // Puts the user's channels into a new directory, where the test works.

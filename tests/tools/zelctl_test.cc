@@ -135,8 +135,7 @@ TEST_F(ZelctlTest, ReapRemovesWhatTheDeadLeftAndNothingElse) {
       [&] { return semctl(process_.semaphoreSet(), ZEL_COMMAND_DOORBELL, GETNCNT) > 0; }));
   ExpectStatus(1, "reap -p " + pid);
   EXPECT_TRUE(process_.HasObjects());
-  kill(user, SIGKILL);
-  waitpid(user, nullptr, 0);
+  zeltest::KillAndBury(user);
 
   const json reaped = ZelctlJson("reap")["channels"];
   EXPECT_EQ(2U, reaped.size());
