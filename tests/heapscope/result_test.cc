@@ -20,21 +20,6 @@ TEST(ResultTest, SaysWhatTheSummarySays) {
   }
 }
 
-TEST(ResultTest, ClassesAndThreadsAddUpToTheTotals) {
-  if (!kCountsAreTheProgramsOwn) GTEST_SKIP();
-  const HeapscopeRun run = RunPart("CrossThreads");
-  const std::string file = run.OnlyFile("xml");
-  const Figures figures = run.OnlySummary().figures;
-  for (const std::string name : {"allocated", "freed"}) {
-    for (const std::string parent : {"//totals/", "//size_class/", "//thread/"})
-      EXPECT_EQ(figures.at(name), AskAmounts(file, parent + name)) << parent << name;
-  }
-  EXPECT_EQ(5, AskNumber(file, "//threads/@seen"));
-  EXPECT_EQ(5, AskNumber(file, "count(//thread)"));
-  EXPECT_EQ(4, AskNumber(file, "count(//thread[allocated/@blocks=110000][freed/@blocks=109800])"));
-  EXPECT_EQ(1, AskNumber(file, "count(//thread[@id=//process/id])"));
-}
-
 TEST(ResultTest, ThreadsBeyondTheTableShareAnEntry) {
   if (!kCountsAreTheProgramsOwn) GTEST_SKIP();
   const HeapscopeRun run = RunPart("ManyThreads");

@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cstring>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -254,58 +255,47 @@ TEST(UnwindRulesTest, RowOfAnAddressIsThatOfTheCallBeforeIt) {
   EXPECT_EQ(framed, table.At(0x46));    // what was remembered
 }
 
+Code FromHex(const std::string& text) {
+  std::istringstream stream(text);
+  Code code;
+  for (unsigned byte; stream >> std::hex >> byte;) code.push_back(static_cast<uint8_t>(byte));
+  return code;
+}
+
 TEST(UnwindRulesTest, EachInstruction) {
-  constexpr UnwindRule kSaved = {Kind::kFromRsp, 8, 32};
   const struct {
-    Code instructions;
     UnwindRule rule;
+    std::vector<std::string> instructions;
   } rows[] = {
-      {{}, kAtEntry},
-      {{0x00}, kAtEntry},
-      {{0x01, 0, 0, 0, 0}, kUnusual},
-      {{0x03, 0xFF, 0x7F, 0x0E, 16}, kAtEntry},  // far behind
-      {{0x04, 0, 0, 0, 1, 0x0E, 16}, kAtEntry},
-      {{0x03, 1, 0, 0x0E, 16}, {Kind::kFromRsp, 16, 0}},
-      {{0x05, 6, 4}, kSaved},
-      {{0x05, 6, 4, 0x06, 6}, kAtEntry},
-      {{0x11, 6, 4}, kSaved},
-      {{0x2F, 6, 0x7C}, kUnusual},  // 124 words above
-      {{0x07, 6}, kAtEntry},
-      {{0x86, 4, 0x08, 6}, kAtEntry},
-      {{0x09, 6, 3}, kUnusual},
-      {{0x09, 3, 6}, kAtEntry},  // another register's affair
-      {{0x14, 6, 2}, kUnusual},
-      {{0x15, 6, 2}, kUnusual},
-      {{0x16, 6, 1, 0x30}, kUnusual},
-      {{0x10, 6, 2, 0x76, 0}, kUnusual},  // without the other half of a realigned frame
-      {{0x10, 3, 2, 0x76, 8}, kAtEntry},
-      {{0x0F, 3, 0x76, 0x78, 0x06, 0x10, 6, 2, 0x76, 0}, {Kind::kThroughRbp, 8, 0}},
-      {{0x0F, 3, 0x76, 0x78, 0x06, 0x86, 2}, kUnusual},
-      {{0x0F, 2, 0x76, 0x78, 0x10, 6, 2, 0x76, 0}, kUnusual},
-      {{0x0F, 2, 0x77, 0x08}, kUnusual},
-      {{0x0F, 1, 0x30, 0x0D, 7}, kUnusual},
-      {{0x0C, 6, 24}, {Kind::kFromRbp, 24, 0}},
-      {{0x0C, 10, 0}, kUnusual},
-      {{0x0C, 7, 12}, kUnusual},             // no multiple of 8
-      {{0x0E, 0x80, 0x80, 0x40}, kUnusual},  // 1 MiB
-      {{0x0E, 0xF8, 0xFF, 0x3F}, {Kind::kFromRsp, (1 << 20) - 8, 0}},
-      {{0x12, 7, 0x7E}, {Kind::kFromRsp, 16, 0}},
-      {{0x13, 0x7D}, {Kind::kFromRsp, 24, 0}},
-      {{0x13, 2}, kUnusual},
-      {{0x2E, 16}, kAtEntry},
-      {{0x0B}, kUnusual},  // nothing remembered
-      {Code(9, 0x0A), kUnusual},
-      {{0x07, 16}, {Kind::kEndOfStack, 0, 0}},
-      {{0x90, 2}, kUnusual},  // the return address lies elsewhere
-      {{0x87, 2}, kUnusual},  // the stack pointer is loaded
-      {{0x3F}, kUnusual},
-      {{0x07}, kUnusual},  // cut off
-      {{0x2E, 0x80}, kUnusual},
-      {{0x0F, 9, 0x76, 0x78, 0x06, 0x10, 6, 2, 0x76, 0}, kUnusual},
-      {{0x2E, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0}, kUnusual},
+      {kAtEntry,
+       {"", "00", "03 FF 7F 0E 10", "04 00 00 00 01 0E 10", "05 06 04 06 06", "07 06",
+        "86 04 08 06", "2E 10",
+        // Another register's affair.
+        "09 03 06", "10 03 02 76 08"}},
+      {kUnusual,
+       {"01 00 00 00 00", "09 06 03", "14 06 02", "15 06 02", "16 06 01 30", "3F",
+        "0F 03 76 78 06 86 02", "0F 02 76 78 10 06 02 76 00", "0F 02 77 08", "0F 01 30 0D 07",
+        "0C 0A 00", "13 02",
+        // Without the other half of a realigned frame.
+        "10 06 02 76 00",
+        // 124 words above, no multiple of 8, 1 MiB.
+        "2F 06 7C", "0C 07 0C", "0E 80 80 40",
+        // Nothing remembered, or too much.
+        "0B", "0A 0A 0A 0A 0A 0A 0A 0A 0A",
+        // The return address lies elsewhere, the stack pointer is loaded.
+        "90 02", "87 02",
+        // Cut off, or without an end.
+        "07", "2E 80", "0F 09 76 78 06 10 06 02 76 00", "2E 80 80 80 80 80 80 80 80 80 80 00"}},
+      {{Kind::kFromRsp, 8, 32}, {"05 06 04", "11 06 04"}},
+      {{Kind::kFromRsp, 16, 0}, {"03 01 00 0E 10", "12 07 7E"}},
+      {{Kind::kFromRsp, 24, 0}, {"13 7D"}},
+      {{Kind::kFromRsp, (1 << 20) - 8, 0}, {"0E F8 FF 3F"}},
+      {{Kind::kFromRbp, 24, 0}, {"0C 06 18"}},
+      {{Kind::kThroughRbp, 8, 0}, {"0F 03 76 78 06 10 06 02 76 00"}},
+      {{Kind::kEndOfStack, 0, 0}, {"07 10"}},
   };
-  for (const auto& row : rows) {
-    EXPECT_EQ(row.rule, Table(row.instructions).At(2)) << testing::PrintToString(row.instructions);
+  for (const auto& [rule, texts] : rows) {
+    for (const std::string& text : texts) EXPECT_EQ(rule, Table(FromHex(text)).At(2)) << text;
   }
 }
 
