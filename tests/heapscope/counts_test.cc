@@ -7,8 +7,8 @@
 namespace {
 
 // What the part allocates beyond what a process does anyway.
-Summary CountsOf(const std::string& part, const std::string& idlePart = "Nothing") {
-  return RunPart(part).OnlySummary() - RunPart(idlePart).OnlySummary();
+Summary CountsOf(const std::string& part) {
+  return RunPart(part).OnlySummary() - RunPart("Nothing").OnlySummary();
 }
 
 TEST(CountsTest, EveryFunctionIsCountedExactly) {
@@ -50,37 +50,6 @@ TEST(CountsTest, CallsThatFailAndOddCallsCountAsWhatTheyAre) {
   EXPECT_EQ((Numbers{sizes + 2}), counts.figures.at("free"));
   EXPECT_EQ((Numbers{2 * sizes + 3, 130 + 3 * 7 * (sizes - 1) * sizes / 2 + sizes}),
             counts.figures.at("allocated"));
-}
-
-TEST(CountsTest, BlocksThatOtherThreadsFreeAreCountedExactly) {
-  if (!kCountsAreTheProgramsOwn) GTEST_SKIP();
-  constexpr int64_t kThreads = 4, kRounds = 5, kBlocks = 20000;
-  int64_t bytes = 0, movedBytes = 0, keptBytes = 0;
-  for (int64_t i = 0; i < kBlocks; ++i) {
-    const int64_t size = 1 + i % 3000;
-    bytes += size;
-    if (i % 10 == 0) movedBytes += 2 * size;
-    if (i % 100 == 1) keptBytes += size;
-  }
-  const HeapscopeRun run = RunPart("CrossThreads");
-  const Summary all = run.OnlySummary(), counts = all - RunPart("IdleThreads").OnlySummary();
-  EXPECT_EQ((Numbers{kThreads * kRounds * (kBlocks + kBlocks / 10),
-                     kThreads * kRounds * (bytes + movedBytes)}),
-            counts.figures.at("allocated"));
-  EXPECT_EQ((Numbers{kThreads * kBlocks / 100, kThreads * keptBytes}),
-            counts.figures.at("live at end"));
-  EXPECT_EQ((Numbers{kThreads * (kRounds * kBlocks - kBlocks / 100)}), counts.figures.at("free"));
-  EXPECT_EQ(Figures(), counts.irregularities);
-
-  const std::string file = run.OnlyFile("xml");
-  EXPECT_EQ("5 5 1", Ask(file,
-                         "concat(//threads/@seen,' ',count(//thread),' ',"
-                         "count(//thread[@id=//process/id]))"));
-  EXPECT_EQ(4, AskNumber(file, "count(//thread[allocated/@blocks=110000][freed/@blocks=109800])"));
-  for (const std::string name : {"allocated", "freed"}) {
-    for (const std::string parent : {"//totals/", "//size_class/", "//thread/"})
-      EXPECT_EQ(all.figures.at(name), AskAmounts(file, parent + name)) << parent << name;
-  }
 }
 
 TEST(CountsTest, AllocationsOfExitHandlersAndDestructorsAreSeen) {

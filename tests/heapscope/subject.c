@@ -136,41 +136,6 @@ void ManyThreads(void) {
   }
 }
 
-// Each thread fills its own list, and frees its neighbour's.
-enum { kThreads = 4, kBlocks = 20000 };
-static void** g_lists[kThreads];
-static pthread_barrier_t g_barrier;
-static long g_blocks;
-
-static size_t SizeOf(long i) { return (size_t)(1 + i % 3000); }
-
-static void* CrossThread(void* argument) {
-  const long self = (long)argument;
-  pthread_barrier_wait(&g_barrier);
-  for (int round = 0; round < 5; ++round) {
-    for (long i = 0; i < g_blocks; ++i) g_lists[self][i] = malloc(SizeOf(i));
-    pthread_barrier_wait(&g_barrier);
-    void** const list = g_lists[(self + 1) % kThreads];
-    for (long i = 0; i < g_blocks; ++i) {
-      if (i % 10 == 0) list[i] = realloc(list[i], 2 * SizeOf(i));
-      if (i % 100 != 1 || round != 4) free(list[i]);
-    }
-    pthread_barrier_wait(&g_barrier);
-  }
-  return NULL;
-}
-
-static void Threads(long blocks) {
-  g_blocks = blocks;
-  for (int i = 0; i < kThreads; ++i) g_lists[i] = calloc(kBlocks, sizeof(void*));
-  pthread_barrier_init(&g_barrier, NULL, kThreads);
-  pthread_t threads[kThreads];
-  for (long i = 0; i < kThreads; ++i) pthread_create(&threads[i], NULL, CrossThread, (void*)i);
-  for (int i = 0; i < kThreads; ++i) pthread_join(threads[i], NULL);
-}
-void CrossThreads(void) { Threads(kBlocks); }
-void IdleThreads(void) { Threads(0); }
-
 // Two threads allocate and one forks as well, while the main thread forks 200 times. Each child
 // makes ten blocks, frees five of them and one of its parent's, and exits with what it found.
 static volatile int g_stop;

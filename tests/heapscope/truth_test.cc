@@ -31,7 +31,7 @@ INSTANTIATE_TEST_SUITE_P(Stacks, TruthTest, testing::Values("unwind", "fp", "cal
 TEST_P(TruthTest, EverySiteIsCountedToTheByte) {
   const std::string mode = GetParam();
   const HeapscopeRun run({TRUTH}, {"-stack", mode});
-  ASSERT_EQ(0, run.GetOutcome().status);
+  const Summary summary = run.OnlySummary();
   run.ExpectAllAreValid();
   const std::string file = run.OnlyFile("xml");
   std::istringstream truth(run.GetOutcome().output);
@@ -51,8 +51,18 @@ TEST_P(TruthTest, EverySiteIsCountedToTheByte) {
     EXPECT_LE(live[1], AskNumber(file, "sum(" + sites + "peak/@bytes)"));
   }
   EXPECT_EQ(4, places);
-  for (const std::string amount : {"allocated", "freed", "live"})
-    EXPECT_EQ(AskAmounts(file, "//totals/" + amount), AskAmounts(file, "//site/" + amount));
+
+  for (const std::string parent : {"//totals/", "//site/", "//size_class/", "//thread/"}) {
+    EXPECT_EQ(summary.figures.at("allocated"), AskAmounts(file, parent + "allocated")) << parent;
+    EXPECT_EQ(summary.figures.at("freed"), AskAmounts(file, parent + "freed")) << parent;
+  }
+  EXPECT_EQ(summary.figures.at("live at end"), AskAmounts(file, "//totals/live"));
+  EXPECT_EQ(summary.figures.at("live at end"), AskAmounts(file, "//site/live"));
+  EXPECT_EQ(Figures(), summary.irregularities);
+  EXPECT_EQ("5 5 4 1", Ask(file,
+                           "concat(//threads/@seen,' ',count(//thread),' ',"
+                           "count(//thread[allocated/@blocks=210011]),' ',"
+                           "count(//thread[@id=//process/id]))"));
 }
 
 }  // namespace
