@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <filesystem>
 #include <span>
 #include <string>
 #include <string_view>
@@ -96,9 +97,15 @@ void Describe(CLI::App* app, Options* options) {
   app->add_option("--depth", options->tables.depth, "Frames printed of a call path: 12")
       ->check(CLI::Range(size_t{1}, kMaxPrinted))
       ->option_text("N");
+  // libdw looks for a relative directory beside each module.
+  const auto inFull = [](std::string& directory) {
+    directory = std::filesystem::absolute(directory).string();
+    return std::string();
+  };
   app->add_option("--debug-dir", options->debugDirs,
                   "Where separate debug files are, under .build-id; may be given again")
       ->check(CLI::ExistingDirectory)
+      ->transform(CLI::Validator(inFull, "", ""))
       ->allow_extra_args(false)
       ->option_text("DIR");
   app->set_version_flag("--version", "heapscope-report " HEAPSCOPE_VERSION);
