@@ -59,7 +59,10 @@ void RemoveChannel(const std::string& directory) {
     zelrt::CommandController controller;
     controller.Open(directory);
     if (controller.segmentId() != -1) shmctl(controller.segmentId(), IPC_RMID, nullptr);
-    if (controller.semaphoreSet() != -1) semctl(controller.semaphoreSet(), 0, IPC_RMID);
+    // Their key has but 16 bits of the lock file's inode: they may be another channel's as well.
+    const int semaphores = controller.semaphoreSet();
+    if (semaphores != -1 && semctl(semaphores, ZEL_COMMAND_DOORBELL, GETNCNT) == 0)
+      semctl(semaphores, 0, IPC_RMID);
   }
   std::error_code ignored;
   std::filesystem::remove_all(directory, ignored);

@@ -187,20 +187,18 @@ void CountTemporary(Counters& counters, LiveBlock block) {
   sizeClass.temporaryBytes.Add(block.size);
 }
 
-bool IsLeftOut() {
-  if (!g_isPaused.load(std::memory_order_relaxed)) [[likely]]
+// Counts a call that a pause is the reason to leave out, if it is.
+bool IsLeftOutBecause(const std::atomic<bool>& reason) {
+  if (!reason.load(std::memory_order_relaxed)) [[likely]]
     return false;
   g_leftOut.fetch_add(1, std::memory_order_relaxed);
   return true;
 }
 
+bool IsLeftOut() { return IsLeftOutBecause(g_isPaused); }
+
 // Whether a free of a block that is not in the table is to be expected.
-bool MayBeLeftOut() {
-  if (!g_wasPaused.load(std::memory_order_relaxed)) [[likely]]
-    return false;
-  g_leftOut.fetch_add(1, std::memory_order_relaxed);
-  return true;
-}
+bool MayBeLeftOut() { return IsLeftOutBecause(g_wasPaused); }
 
 void NoteUnknownFree(const ShardHold& hold, uintptr_t address) {
   if (MayBeLeftOut()) return;

@@ -46,32 +46,8 @@ class Reader {
     return value;
   }
 
-  uint64_t GetUleb() {
-    uint64_t value = 0;
-    uint32_t shift = 0;
-    uint8_t byte;
-    do {
-      byte = Get<uint8_t>();
-      if (shift >= 63) return Fail();
-      value |= uint64_t{byte & 0x7Fu} << shift;
-      shift += 7;
-    } while ((byte & 0x80) != 0);
-    return value;
-  }
-
-  int64_t GetSleb() {
-    uint64_t value = 0;
-    uint32_t shift = 0;
-    uint8_t byte;
-    do {
-      byte = Get<uint8_t>();
-      if (shift >= 63) return static_cast<int64_t>(Fail());
-      value |= uint64_t{byte & 0x7Fu} << shift;
-      shift += 7;
-    } while ((byte & 0x80) != 0);
-    if ((byte & 0x40) != 0) value |= ~uint64_t{0} << shift;
-    return static_cast<int64_t>(value);
-  }
+  uint64_t GetUleb() { return GetLeb128(false); }
+  int64_t GetSleb() { return static_cast<int64_t>(GetLeb128(true)); }
 
   // A part of it, and goes on behind.
   Reader GetPart(uint64_t size) {
@@ -84,6 +60,21 @@ class Reader {
     isGood_ = false;
     at_ = end_;
     return 0;
+  }
+
+  // Seven bits a byte, the lowest first; the top bit says that more follow.
+  uint64_t GetLeb128(bool isSigned) {
+    uint64_t value = 0;
+    uint32_t shift = 0;
+    uint8_t byte;
+    do {
+      byte = Get<uint8_t>();
+      if (shift >= 63) return Fail();
+      value |= uint64_t{byte & 0x7Fu} << shift;
+      shift += 7;
+    } while ((byte & 0x80) != 0);
+    if (isSigned && (byte & 0x40) != 0) value |= ~uint64_t{0} << shift;
+    return value;
   }
 
   const uint8_t* Take(uint64_t size) {
